@@ -1,0 +1,87 @@
+#include "RecordingLogger.h"
+
+namespace zorcam_test {
+
+using NSCam::Utils::ULog::ULogger;
+
+void RecordingLogger::writeLine(uint32_t moduleId, const char* tag, int level, const char* text,
+                                int length) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mLines.push_back(LogLine{moduleId, tag ? tag : "", level, text ? text : "", length});
+}
+
+void RecordingLogger::flush() {
+    std::lock_guard<std::mutex> guard(mLock);
+    ++mFlushes;
+}
+
+void RecordingLogger::preAbort(int reason) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mPreAborts.push_back(reason);
+}
+
+std::vector<LogLine> RecordingLogger::lines() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mLines;
+}
+
+std::vector<std::string> RecordingLogger::texts() const {
+    std::vector<std::string> out;
+    for (const LogLine& l : lines()) out.push_back(l.text);
+    return out;
+}
+
+std::vector<std::string> RecordingLogger::textsAt(int level) const {
+    std::vector<std::string> out;
+    for (const LogLine& l : lines())
+        if (l.level == level) out.push_back(l.text);
+    return out;
+}
+
+size_t RecordingLogger::countContaining(const std::string& needle) const {
+    size_t n = 0;
+    for (const LogLine& l : lines())
+        if (l.text.find(needle) != std::string::npos) ++n;
+    return n;
+}
+
+void RecordingLogger::reset() {
+    std::lock_guard<std::mutex> guard(mLock);
+    mLines.clear();
+    mFlushes = 0;
+    mPreAborts.clear();
+}
+
+int RecordingLogger::flushes() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mFlushes;
+}
+
+std::vector<int> RecordingLogger::preAborts() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mPreAborts;
+}
+
+void LoggerTest::SetUp() {
+    mSavedLogger = ULogger::sULogger;
+    mSavedMode = ULogger::sMode;
+    mSavedLevel = ULogger::sDetailsLevel;
+    mSavedMask = ULogger::sNormalDetailsMask;
+    ULogger::sULogger = &log;
+    setLogging(0x2, 2, 0);
+}
+
+void LoggerTest::TearDown() {
+    ULogger::sULogger = mSavedLogger;
+    ULogger::sMode = mSavedMode;
+    ULogger::sDetailsLevel = mSavedLevel;
+    ULogger::sNormalDetailsMask = mSavedMask;
+}
+
+void LoggerTest::setLogging(uint32_t mode, uint32_t detailsLevel, uint32_t mask) {
+    ULogger::sMode = mode;
+    ULogger::sDetailsLevel = detailsLevel;
+    ULogger::sNormalDetailsMask = mask;
+}
+
+}  // namespace zorcam_test

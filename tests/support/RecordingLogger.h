@@ -1,0 +1,69 @@
+#pragma once
+// A unified logger that records every line, and a fixture that installs it for one test
+// and puts the logger globals back afterwards, so a failing test cannot leak its settings.
+#include <zorcam/platform/ULog.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace zorcam_test {
+
+struct LogLine {
+    uint32_t moduleId;
+    std::string tag;
+    int level;
+    std::string text;
+    int length;
+};
+
+class RecordingLogger : public NSCam::Utils::ULog::ULogger {
+public:
+    void writeLine(uint32_t moduleId, const char* tag, int level, const char* text,
+                   int length) override;
+    void flush() override;
+    void preAbort(int reason) override;
+
+    std::vector<LogLine> lines() const;
+    // Texts only, in order.
+    std::vector<std::string> texts() const;
+    // Texts of the lines at `level`.
+    std::vector<std::string> textsAt(int level) const;
+    // Number of lines whose text contains `needle`.
+    size_t countContaining(const std::string& needle) const;
+    void reset();
+    int flushes() const;
+    std::vector<int> preAborts() const;
+
+private:
+    mutable std::mutex mLock;
+    std::vector<LogLine> mLines;
+    int mFlushes = 0;
+    std::vector<int> mPreAborts;
+};
+
+// Installs a RecordingLogger with the unified logger as the only sink (mode 0x2) and the
+// given details level and mask; restores the previous globals in TearDown.
+class LoggerTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Changes the settings for the rest of the test.
+    void setLogging(uint32_t mode, uint32_t detailsLevel, uint32_t mask);
+
+    RecordingLogger log;
+
+private:
+    NSCam::Utils::ULog::ULogger* mSavedLogger = nullptr;
+    uint32_t mSavedMode = 0;
+    uint32_t mSavedLevel = 0;
+    uint32_t mSavedMask = 0;
+};
+
+// All bits of both modules' details masks: debug lines of the container and the updater.
+constexpr uint32_t kAllModules = 0x1001000u | 0x101000u;
+
+}  // namespace zorcam_test

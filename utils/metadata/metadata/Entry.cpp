@@ -1,0 +1,312 @@
+#define LOG_TAG "Metadata2/Entry"
+#define LOG_MODULE ::NSCam::diag::kMetadataModule
+
+#include <sched.h>
+
+#include <cstring>
+#include <type_traits>
+
+#include "Content.h"
+#include "Diagnostics.h"
+
+namespace NSCam {
+
+using IEntry = IMetadata::IEntry;
+using Content = IMetadata::Content;
+using Memory = IMetadata::Memory;
+
+IEntry::IEntry(uint32_t tag) : mTag(tag) {}
+
+IEntry::IEntry(uint32_t tag, std::shared_ptr<Content> content) : mTag(tag) {
+    if (content && !content->isReadOnly()) {
+        // Not a failure: a writable content is about to be shared, which the developer
+        // should know about. From here on every edit through any entry copies it first.
+        META_LOGE_CALLSTACK("NOT ReadOnly! %p created. tag %x, share content(%p, ref:%d)",
+                            static_cast<void*>(this), tag, static_cast<void*>(content.get()),
+                            static_cast<int>(content.use_count()));
+        content->markReadOnly();
+    }
+    mContentPtr = std::move(content);
+}
+
+IEntry::IEntry(const IEntry& other) {
+    // The new entry is not visible to anybody yet: only the source needs its lock.
+    std::lock_guard<std::mutex> guard(other.mLock);
+    if (other.mContentPtr) other.mContentPtr->markReadOnly();
+    mTag = other.mTag;
+    mContentPtr = other.mContentPtr;
+}
+
+IEntry& IEntry::operator=(const IEntry& other) {
+    if (this == &other) return *this;
+    // Two threads assigning two entries to each other must not deadlock: hold one lock,
+    // try the other, and back off completely when that fails.
+    for (;;) {
+        mLock.lock();
+        if (other.mLock.try_lock()) break;
+        mLock.unlock();
+        sched_yield();
+        other.mLock.lock();
+        if (mLock.try_lock()) break;
+        other.mLock.unlock();
+        sched_yield();
+    }
+    if (other.mContentPtr) other.mContentPtr->markReadOnly();
+    mTag = other.mTag;
+    mContentPtr = other.mContentPtr;
+    other.mLock.unlock();
+    mLock.unlock();
+    return *this;
+}
+
+IEntry::~IEntry() = default;
+
+uint32_t IEntry::tag() const { return mTag; }
+
+int32_t IEntry::type() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mContentPtr ? mContentPtr->mType : -1;
+}
+
+uint32_t IEntry::count() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mContentPtr ? static_cast<uint32_t>(mContentPtr->mCount) : 0;
+}
+
+bool IEntry::isEmpty() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return !mContentPtr || mContentPtr->mCount == 0;
+}
+
+void IEntry::clear() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (!mContentPtr) return;
+    if (mContentPtr->isReadOnly())
+        mContentPtr.reset();  // other holders keep their values
+    else
+        mContentPtr->clear();
+}
+
+int32_t IEntry::removeAt(uint32_t index) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (!mContentPtr) return -1;
+    _ContentMakeWritable();
+    return mContentPtr->remove(static_cast<int>(index)) ? 0 : -1;
+}
+
+const void* IEntry::data() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (!mContentPtr) return nullptr;
+    // A raw pointer leaves the handle: later edits through any entry must copy.
+    mContentPtr->markReadOnly();
+    const int32_t type = mContentPtr->mType;
+    if (type > TYPE_MRect) return nullptr;
+    return mContentPtr->getBasicData(0, type);
+}
+
+std::shared_ptr<Content> IEntry::getContentSP() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mContentPtr) mContentPtr->markReadOnly();
+    return mContentPtr;
+}
+
+void IEntry::_ContentMakeWritable() {
+    // Sharing is decided by the read-only mark alone, never by the owner count: a content
+    // once handed out is copied even when this entry has become its only owner.
+    if (!mContentPtr)
+        mContentPtr = std::make_shared<Content>();
+    else if (mContentPtr->isReadOnly())
+        mContentPtr = std::make_shared<Content>(*mContentPtr);
+}
+
+bool IEntry::_ContentUpdate(int32_t index, const void* data, size_t count, int32_t type) {
+    if (!mContentPtr) META_FATAL_FLUSH("ContentSP is nullptr");
+    return mContentPtr->update(index, data, count, type);
+}
+
+void IEntry::noteFailure() const { IMetadata::lowerErrorTypeTag(mTag); }
+
+//----------------------------------------------------------------------------------------
+// Typed families: one body each; the members differ only in type and type code.
+
+namespace {
+
+// The value as it is stored: the caller's own object when no conversion is asked for
+// (handles such as Memory and IMetadata are passed on as they are), otherwise the language's
+// own conversion, unchecked: narrowings wrap silently.
+template <typename U, typename T>
+std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& item) {
+    return static_cast<std::conditional_t<std::is_same<T, U>::value, const U&, U>>(item);
+}
+
+}  // namespace
+
+template <typename T, typename U>
+void IEntry::push_back(const T& item, Type2Type<U>) {
+    std::lock_guard<std::mutex> guard(mLock);
+    const U& value = storedValue<U>(item);
+    _ContentMakeWritable();
+    if (!_ContentUpdate(-1, &value, 1, TypeCodeOf<U>::value)) {
+        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+                  static_cast<void*>(mContentPtr.get()));
+        noteFailure();
+    }
+}
+
+template <typename T, typename U>
+void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
+    static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
+    std::lock_guard<std::mutex> guard(mLock);
+    _ContentMakeWritable();
+    if (!_ContentUpdate(-1, array, count, TypeCodeOf<U>::value)) {
+        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+                  static_cast<void*>(mContentPtr.get()));
+        noteFailure();
+    }
+}
+
+template <typename T, typename U>
+void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
+    static_assert(std::is_same<T, U>::value, "values are stored as they are");
+    std::lock_guard<std::mutex> guard(mLock);
+    _ContentMakeWritable();
+    // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
+    if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCodeOf<U>::value)) {
+        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+                  static_cast<void*>(mContentPtr.get()));
+        noteFailure();
+    }
+}
+
+template <typename T, typename U>
+void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>) {
+    static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
+    std::lock_guard<std::mutex> guard(mLock);
+    _ContentMakeWritable();
+    if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCodeOf<U>::value)) {
+        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+                  static_cast<void*>(mContentPtr.get()));
+        noteFailure();
+    }
+}
+
+template <typename T>
+T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    const int at = static_cast<int>(index);
+    // The two handle types answer an empty handle on failure, silently.
+    if constexpr (std::is_same<T, Memory>::value) {
+        auto bytes = mContentPtr ? mContentPtr->getMemory(at, TYPE_Memory) : nullptr;
+        return bytes ? Memory(bytes) : Memory();
+    } else if constexpr (std::is_same<T, IMetadata>::value) {
+        auto storage = mContentPtr ? mContentPtr->getMetadata(at, TYPE_IMetadata) : nullptr;
+        return storage ? IMetadata(storage) : IMetadata();
+    } else {
+        const void* p = mContentPtr ? mContentPtr->getBasicData(at, TypeCodeOf<T>::value) : nullptr;
+        if (p) {
+            T value;
+            std::memcpy(static_cast<void*>(&value), p, sizeof(T));
+            return value;
+        }
+        META_LOGE("Get data error , tag %x, mContentPtr %p", mTag,
+                  static_cast<void*>(mContentPtr.get()));
+        noteFailure();
+        return T();
+    }
+}
+
+template <typename T>
+int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    const int at = static_cast<int>(index);
+    bool ok = false;
+    if (mContentPtr) {
+        const Content& c = *mContentPtr;
+        const bool inRange = static_cast<uint64_t>(index) + count <= static_cast<uint64_t>(c.mCount);
+        if constexpr (std::is_same<T, Memory>::value || std::is_same<T, IMetadata>::value) {
+            // Handles are handed out as proper copies that share the stored data, so the
+            // caller's array owns what it holds and may be destroyed normally.
+            ok = c.mType == TypeCodeOf<T>::value && at >= 0 && at < c.mCount && inRange;
+            if (ok) {
+                for (size_t i = 0; i < count; ++i) {
+                    if constexpr (std::is_same<T, Memory>::value) {
+                        ok = ok && c.mMemSP;
+                        if (ok) array[i] = (*c.mMemSP)[index + i];
+                    } else {
+                        ok = ok && c.mMetaSP;
+                        if (ok) array[i] = IMetadata((*c.mMetaSP)[index + i]);
+                    }
+                }
+            }
+        } else {
+            const void* p = c.getBasicData(at, TypeCodeOf<T>::value);
+            ok = p != nullptr && inRange;
+            if (ok) std::memcpy(static_cast<void*>(array), p, count * sizeof(T));
+        }
+    }
+    if (ok) return 1;
+    META_LOGE("Get data error , tag %x, mContentPtr %p", mTag,
+              static_cast<void*>(mContentPtr.get()));
+    noteFailure();
+    return 0;
+}
+
+template <typename T>
+int32_t IEntry::indexOf(IEntry& entry, const T& item) {
+    uint32_t count;
+    {
+        std::lock_guard<std::mutex> guard(entry.mLock);
+        if (!entry.mContentPtr) return -1;
+        count = static_cast<uint32_t>(entry.mContentPtr->mCount);
+    }
+    // Each read locks by itself: an edit made meanwhile by another thread is not seen, and
+    // a shrink makes the remaining reads fail.
+    for (uint32_t i = 0; i < count; ++i)
+        if (entry.itemAt(i, Type2Type<T>()) == item) return static_cast<int32_t>(i);
+    return -1;
+}
+
+#define ZORCAM_ENTRY_FAMILIES(T)                                                            \
+    template void IEntry::push_back<T, T>(const T&, Type2Type<T>);                          \
+    template void IEntry::push_back<T, T>(const T*, size_t, Type2Type<T>);                  \
+    template void IEntry::replaceItemAt<T, T>(uint32_t, const T&, Type2Type<T>);            \
+    template void IEntry::replaceItemAt<T, T>(uint32_t, const T*, size_t, Type2Type<T>);    \
+    template T IEntry::itemAt<T>(uint32_t, Type2Type<T>) const;                             \
+    template int32_t IEntry::itemAt<T>(uint32_t, T*, size_t, Type2Type<T>) const;
+ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_ENTRY_FAMILIES)
+#undef ZORCAM_ENTRY_FAMILIES
+
+// Deliberately no search for MRational and none for nested containers.
+#define ZORCAM_ENTRY_INDEXOF(T) template int32_t IEntry::indexOf<T>(IEntry&, const T&);
+ZORCAM_ENTRY_INDEXOF(unsigned char)
+ZORCAM_ENTRY_INDEXOF(int)
+ZORCAM_ENTRY_INDEXOF(float)
+ZORCAM_ENTRY_INDEXOF(long)
+ZORCAM_ENTRY_INDEXOF(double)
+ZORCAM_ENTRY_INDEXOF(MPoint)
+ZORCAM_ENTRY_INDEXOF(MSize)
+ZORCAM_ENTRY_INDEXOF(MRect)
+ZORCAM_ENTRY_INDEXOF(IMetadata::Memory)
+#undef ZORCAM_ENTRY_INDEXOF
+
+// The converting members of append-one: argument type -> stored type.
+#define ZORCAM_ENTRY_CONVERT(T, U) template void IEntry::push_back<T, U>(const T&, Type2Type<U>);
+ZORCAM_ENTRY_CONVERT(char, unsigned char)
+ZORCAM_ENTRY_CONVERT(bool, unsigned char)
+ZORCAM_ENTRY_CONVERT(int, unsigned char)
+ZORCAM_ENTRY_CONVERT(unsigned int, unsigned char)
+ZORCAM_ENTRY_CONVERT(int, long)
+ZORCAM_ENTRY_CONVERT(unsigned int, long)
+ZORCAM_ENTRY_CONVERT(unsigned long, long)
+ZORCAM_ENTRY_CONVERT(int, float)
+ZORCAM_ENTRY_CONVERT(unsigned int, float)
+ZORCAM_ENTRY_CONVERT(double, float)
+ZORCAM_ENTRY_CONVERT(unsigned int, double)
+ZORCAM_ENTRY_CONVERT(bool, int)
+ZORCAM_ENTRY_CONVERT(unsigned int, int)
+ZORCAM_ENTRY_CONVERT(unsigned short, int)
+ZORCAM_ENTRY_CONVERT(long, int)
+ZORCAM_ENTRY_CONVERT(unsigned long, int)
+#undef ZORCAM_ENTRY_CONVERT
+
+}  // namespace NSCam
