@@ -4,6 +4,8 @@
 // their own mutex, and a content marked read-only is only read until a writer copies it.
 #include <zorcam/metadata/IMetadata.h>
 
+#include "FlatBytes.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -15,8 +17,8 @@ namespace NSCam {
 class IMetadata::Content {
 public:
     // Content record: pattern, type, count, then the payload.
-    static constexpr uint32_t kPattern = 0xAB2454CD;
-    static constexpr size_t kHeaderSize = 12;
+    static constexpr uint32_t kPattern = flat::kContentPattern;
+    static constexpr size_t kHeaderSize = flat::kContentHeader;
     static constexpr size_t kInlineSize = 16;  // the largest basic element (MRect)
 
     Content();

@@ -12,6 +12,17 @@
 namespace NSCam {
 namespace flat {
 
+// Storage block: magic, record count, then per record the tag, the length of the content
+// record and the content record itself.
+constexpr uint32_t kStorageMagic = 0x01245432;
+constexpr size_t kStorageHeader = 8;
+constexpr size_t kRecordHead = 8;
+// Content record: pattern, type, count, then the payload.
+constexpr uint32_t kContentPattern = 0xAB2454CD;
+constexpr size_t kContentHeader = 12;
+// Records a table can hold: the decoder counts them in 15 bits.
+constexpr int32_t kMaxRecords = 0x7FFF;
+
 // Nested containers deeper than this are refused as malformed when decoding, so that
 // foreign bytes cannot exhaust the stack.
 constexpr int kMaxNestingDepth = 64;

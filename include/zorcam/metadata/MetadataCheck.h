@@ -1,0 +1,34 @@
+#pragma once
+// Checking a flat container that came from another process, before rebuilding it.
+//
+// The constructor IMetadata(buf, size) trusts the type codes it reads: a code outside the
+// known ones in a record is a broken invariant and ends the process. A receiving process
+// therefore checks foreign bytes first. The safe pattern:
+//
+//   1. copy the bytes into private memory (the sender may still be writing a shared buffer,
+//      and what was checked must be what is rebuilt);
+//   2. check the copy:        FlatCheck c = checkFlatMetadata(copy.data(), copy.size());
+//   3. rebuild from the copy only when c.ok:  IMetadata meta(copy.data(), copy.size());
+//
+// Thread safety: reentrant. The check has no side effects: it allocates nothing, logs
+// nothing and never aborts, whatever the bytes.
+#include <cstddef>
+#include <cstdint>
+
+namespace NSCam {
+
+struct FlatCheck {
+    // True when IMetadata(buf, size) would accept the bytes in full: every record and every
+    // nested container decodes, and nothing in them would end the process.
+    bool ok;
+    // The first offending byte, counted from the start of the buffer (0 when ok).
+    size_t offset;
+    // Why the bytes were refused, a fixed text (empty when ok).
+    const char* reason;
+    // Bytes the constructor would consume when ok (spare bytes after them are ignored).
+    size_t consumed;
+};
+
+FlatCheck checkFlatMetadata(const void* buf, size_t size);
+
+}  // namespace NSCam
