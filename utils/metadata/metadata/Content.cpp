@@ -108,7 +108,8 @@ int32_t Content::_typeSize() const {
 bool Content::update(int index, const void* data, size_t size, int type) {
     size_t start;
     if (index != -1) {
-        if (index < 0 || static_cast<uint64_t>(index) + size > static_cast<uint64_t>(mCount)) {
+        // index + size > mCount, written so that a huge size cannot wrap the sum around.
+        if (index < 0 || index > mCount || size > static_cast<size_t>(mCount - index)) {
             META_LOGE("index (%d) out of range (%d)", index, mCount);
             return false;
         }

@@ -139,12 +139,20 @@ std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& 
     return static_cast<std::conditional_t<std::is_same<T, U>::value, const U&, U>>(item);
 }
 
+// An edit replaces a read-only content by a private copy. The values being written may live
+// inside the old one (a pointer from this very entry's data()), and this entry may be its
+// last owner: keep it alive until the edit is done.
+std::shared_ptr<Content> keepWhileCopying(const std::shared_ptr<Content>& content) {
+    return content && content->isReadOnly() ? content : nullptr;
+}
+
 }  // namespace
 
 template <typename T, typename U>
 void IEntry::push_back(const T& item, Type2Type<U>) {
     std::lock_guard<std::mutex> guard(mLock);
     const U& value = storedValue<U>(item);
+    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
     _ContentMakeWritable();
     if (!_ContentUpdate(-1, &value, 1, TypeCodeOf<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
@@ -157,6 +165,7 @@ template <typename T, typename U>
 void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
+    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
     _ContentMakeWritable();
     if (!_ContentUpdate(-1, array, count, TypeCodeOf<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
@@ -169,6 +178,7 @@ template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
+    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
     _ContentMakeWritable();
     // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
     if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCodeOf<U>::value)) {
@@ -182,6 +192,7 @@ template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
+    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
     _ContentMakeWritable();
     if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCodeOf<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
@@ -222,7 +233,9 @@ int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) con
     bool ok = false;
     if (mContentPtr) {
         const Content& c = *mContentPtr;
-        const bool inRange = static_cast<uint64_t>(index) + count <= static_cast<uint64_t>(c.mCount);
+        // index + count <= mCount, written so that a huge count cannot wrap the sum around.
+        const uint64_t total = static_cast<uint64_t>(c.mCount);
+        const bool inRange = index <= total && count <= total - index;
         if constexpr (std::is_same<T, Memory>::value || std::is_same<T, IMetadata>::value) {
             // Handles are handed out as proper copies that share the stored data, so the
             // caller's array owns what it holds and may be destroyed normally.
