@@ -125,12 +125,15 @@ public:
     private:
         friend struct ::NSCam::MetadataInspector;
         // Under mLock, before every edit: a missing content is created, a read-only one
-        // replaced by a private copy.
-        void _ContentMakeWritable();
+        // replaced by a private copy. Returns the replaced content, to be held until the
+        // edit is done.
+        std::shared_ptr<Content> _ContentMakeWritable();
         bool _ContentUpdate(int32_t index, const void* data, size_t count, int32_t type);
         void noteFailure() const;  // lowers mErrorTypeTag to this entry's tag
 
-        uint32_t mTag;
+        // Read without the lock by tag() while an assignment may write it: atomic, so that
+        // the race is defined.
+        std::atomic<uint32_t> mTag;
         std::shared_ptr<Content> mContentPtr;
         mutable std::mutex mLock;
     };

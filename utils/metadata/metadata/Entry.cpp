@@ -33,7 +33,7 @@ IEntry::IEntry(const IEntry& other) {
     // The new entry is not visible to anybody yet: only the source needs its lock.
     std::lock_guard<std::mutex> guard(other.mLock);
     if (other.mContentPtr) other.mContentPtr->markReadOnly();
-    mTag = other.mTag;
+    mTag.store(other.mTag.load(std::memory_order_relaxed), std::memory_order_relaxed);
     mContentPtr = other.mContentPtr;
 }
 
@@ -52,7 +52,7 @@ IEntry& IEntry::operator=(const IEntry& other) {
         sched_yield();
     }
     if (other.mContentPtr) other.mContentPtr->markReadOnly();
-    mTag = other.mTag;
+    mTag.store(other.mTag.load(std::memory_order_relaxed), std::memory_order_relaxed);
     mContentPtr = other.mContentPtr;
     other.mLock.unlock();
     mLock.unlock();
@@ -61,7 +61,7 @@ IEntry& IEntry::operator=(const IEntry& other) {
 
 IEntry::~IEntry() = default;
 
-uint32_t IEntry::tag() const { return mTag; }
+uint32_t IEntry::tag() const { return mTag.load(std::memory_order_relaxed); }
 
 int32_t IEntry::type() const {
     std::lock_guard<std::mutex> guard(mLock);
@@ -110,13 +110,20 @@ std::shared_ptr<Content> IEntry::getContentSP() const {
     return mContentPtr;
 }
 
-void IEntry::_ContentMakeWritable() {
+std::shared_ptr<Content> IEntry::_ContentMakeWritable() {
     // Sharing is decided by the read-only mark alone, never by the owner count: a content
     // once handed out is copied even when this entry has become its only owner.
-    if (!mContentPtr)
+    if (!mContentPtr) {
         mContentPtr = std::make_shared<Content>();
-    else if (mContentPtr->isReadOnly())
-        mContentPtr = std::make_shared<Content>(*mContentPtr);
+        return nullptr;
+    }
+    if (!mContentPtr->isReadOnly()) return nullptr;
+    // The replaced content goes back to the caller, who keeps it until the edit is done:
+    // the values being written may live inside it (a pointer from this entry's data()),
+    // and this entry may have been its last owner.
+    std::shared_ptr<Content> previous = std::make_shared<Content>(*mContentPtr);
+    previous.swap(mContentPtr);
+    return previous;
 }
 
 bool IEntry::_ContentUpdate(int32_t index, const void* data, size_t count, int32_t type) {
@@ -124,7 +131,7 @@ bool IEntry::_ContentUpdate(int32_t index, const void* data, size_t count, int32
     return mContentPtr->update(index, data, count, type);
 }
 
-void IEntry::noteFailure() const { IMetadata::lowerErrorTypeTag(mTag); }
+void IEntry::noteFailure() const { IMetadata::lowerErrorTypeTag(tag()); }
 
 //----------------------------------------------------------------------------------------
 // Typed families: one body each; the members differ only in type and type code.
@@ -139,23 +146,15 @@ std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& 
     return static_cast<std::conditional_t<std::is_same<T, U>::value, const U&, U>>(item);
 }
 
-// An edit replaces a read-only content by a private copy. The values being written may live
-// inside the old one (a pointer from this very entry's data()), and this entry may be its
-// last owner: keep it alive until the edit is done.
-std::shared_ptr<Content> keepWhileCopying(const std::shared_ptr<Content>& content) {
-    return content && content->isReadOnly() ? content : nullptr;
-}
-
 }  // namespace
 
 template <typename T, typename U>
 void IEntry::push_back(const T& item, Type2Type<U>) {
     std::lock_guard<std::mutex> guard(mLock);
     const U& value = storedValue<U>(item);
-    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
-    _ContentMakeWritable();
+    const std::shared_ptr<Content> previous = _ContentMakeWritable();
     if (!_ContentUpdate(-1, &value, 1, TypeCodeOf<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
     }
@@ -165,10 +164,9 @@ template <typename T, typename U>
 void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
-    _ContentMakeWritable();
+    const std::shared_ptr<Content> previous = _ContentMakeWritable();
     if (!_ContentUpdate(-1, array, count, TypeCodeOf<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
     }
@@ -178,11 +176,10 @@ template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
-    _ContentMakeWritable();
+    const std::shared_ptr<Content> previous = _ContentMakeWritable();
     // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
     if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCodeOf<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
     }
@@ -192,10 +189,9 @@ template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = keepWhileCopying(mContentPtr);
-    _ContentMakeWritable();
+    const std::shared_ptr<Content> previous = _ContentMakeWritable();
     if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCodeOf<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", mTag,
+        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
     }
@@ -219,7 +215,7 @@ T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
             std::memcpy(static_cast<void*>(&value), p, sizeof(T));
             return value;
         }
-        META_LOGE("Get data error , tag %x, mContentPtr %p", mTag,
+        META_LOGE("Get data error , tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
         return T();
@@ -258,7 +254,7 @@ int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) con
         }
     }
     if (ok) return 1;
-    META_LOGE("Get data error , tag %x, mContentPtr %p", mTag,
+    META_LOGE("Get data error , tag %x, mContentPtr %p", tag(),
               static_cast<void*>(mContentPtr.get()));
     noteFailure();
     return 0;
