@@ -267,8 +267,13 @@ public:
     int burstRead(const std::function<int(const BurstEntry&)>& fn) const;
     void burstWrite(const std::function<void(BurstEntry&)>& fn);
 
-    long flattenSize(const uint32_t* tags = nullptr, long count = -1) const;
-    long flatten(void* buf, size_t size, const uint32_t* tags = nullptr, long count = -1) const;
+    // The flat form of every entry, in row order.
+    long flattenSize() const { return flattenSize(nullptr, -1); }
+    long flatten(void* buf, size_t size) const { return flatten(buf, size, nullptr, -1); }
+    // The flat form of the listed tags only, in list order: `count` tags are read from
+    // `tags` (absent ones are skipped, repeated ones repeated); with `tags` null, all rows.
+    long flattenSize(const uint32_t* tags, long count) const;
+    long flatten(void* buf, size_t size, const uint32_t* tags, long count) const;
     long unflatten(void* buf, size_t size);
 
     // Writes every entry to the debug log; only when mLogLevel is set or `force`.

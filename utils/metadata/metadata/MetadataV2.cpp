@@ -24,11 +24,9 @@ using Memory = IMetadata::Memory;
 
 namespace {
 
-// Storage block: magic, record count, then per record the tag, the length of the content
-// record and the content record itself.
-constexpr uint32_t kStorageMagic = 0x01245432;
-constexpr size_t kStorageHeader = 8;
-constexpr size_t kRecordHead = 8;
+using flat::kRecordHead;
+using flat::kStorageHeader;
+using flat::kStorageMagic;
 constexpr uint32_t kNoTag = 0xFFFFFFFFu;
 constexpr uint32_t kValidBit = 0x80000000u;
 
@@ -416,12 +414,15 @@ int IMetadata::remove(uint32_t tag) {
 int IMetadata::sort() { return 0; }
 
 int IMetadata::update(uint32_t tag, const IEntry& entry) {
-    const uint32_t entryTag = entry.tag();
+    // The entry is read once, under its own lock, before the container's is taken (the two
+    // are never held together). Its tag and values must come from that one look: read
+    // separately, an assignment to the entry in between would file one entry's values
+    // under another's tag.
+    const IEntry snapshot(entry);
+    const uint32_t entryTag = snapshot.tag();
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    // The entry is read under its own lock before the container's is taken: the two are
-    // never held together.
-    const std::shared_ptr<Content> content = entry.getContentSP();
+    const std::shared_ptr<Content> content = snapshot.getContentSP();
     std::lock_guard<std::mutex> guard(mLock);
     CHECK_VALID();
     makeWritableLocked();
@@ -433,12 +434,13 @@ int IMetadata::update(uint32_t tag, const IEntry& entry) {
 }
 
 int IMetadata::update(const IEntry& entry) {
-    const uint32_t tag = entry.tag();
+    const IEntry snapshot(entry);  // the tag and the values of one moment, as above
+    const uint32_t tag = snapshot.tag();
     if (tag == kNoTag) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, entry);
+    return update(tag, snapshot);
 }
 
 IEntry IMetadata::entryFor(uint32_t tag, int take) const {
