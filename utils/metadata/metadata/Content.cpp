@@ -121,7 +121,14 @@ bool Content::update(int index, const void* data, size_t size, int type) {
             return false;
         }
         start = static_cast<size_t>(mCount);
-        if (mCount == 0) mType = type;  // the first append fixes the type
+        if (mCount == 0) {
+            // The first append fixes the type. Vectors left by an append of nothing under
+            // another type go with it, so that only the new type's vector can exist.
+            mType = type;
+            mBasicDataSP.reset();
+            mMetaSP.reset();
+            mMemSP.reset();
+        }
     }
     if (mType != type) {
         META_LOGE_CALLSTACK("type mismatch mType(%x) type(%x)", mType, type);

@@ -14,7 +14,7 @@ constexpr uint32_t kBasicSize[TYPE_MRect + 1] = {1, 4, 4, 8, 8, 8, 8, 8, 16};
 
 class Checker {
 public:
-    Checker(const uint8_t* base, size_t size) : mBase(base), mSize(size) {}
+    explicit Checker(const uint8_t* base) : mBase(base) {}
 
     // A storage block in [begin, end); `used` receives the bytes it occupies.
     bool storage(size_t begin, size_t end, int depth, size_t& used) {
@@ -93,7 +93,6 @@ private:
     }
 
     const uint8_t* mBase;
-    size_t mSize;
     size_t mOffset = 0;
     const char* mReason = "";
 };
@@ -102,7 +101,7 @@ private:
 
 FlatCheck checkFlatMetadata(const void* buf, size_t size) {
     if (buf == nullptr) return FlatCheck{false, 0, "null buffer", 0};
-    Checker checker(static_cast<const uint8_t*>(buf), size);
+    Checker checker(static_cast<const uint8_t*>(buf));
     size_t used = 0;
     const bool ok = checker.storage(0, size, 0, used);
     return checker.result(ok, used);

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 
 #include "Content.h"
@@ -434,13 +435,20 @@ int IMetadata::update(uint32_t tag, const IEntry& entry) {
 }
 
 int IMetadata::update(const IEntry& entry) {
-    const IEntry snapshot(entry);  // the tag and the values of one moment, as above
-    const uint32_t tag = snapshot.tag();
+    // Tag and values are taken from one copy of the entry, so that a concurrent assignment
+    // cannot file one entry's values under another's tag; an entry refused for its tag is
+    // left exactly as it was (no copy marks its values shared).
+    uint32_t tag = entry.tag();
+    std::optional<IEntry> snapshot;
+    if (tag != kNoTag) {
+        snapshot.emplace(entry);
+        tag = snapshot->tag();
+    }
     if (tag == kNoTag) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, snapshot);
+    return update(tag, *snapshot);
 }
 
 IEntry IMetadata::entryFor(uint32_t tag, int take) const {
