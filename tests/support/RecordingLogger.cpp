@@ -1,5 +1,7 @@
 #include "RecordingLogger.h"
 
+#include <regex>
+
 namespace zorcam_test {
 
 using NSCam::Utils::ULog::ULogger;
@@ -43,6 +45,18 @@ size_t RecordingLogger::countContaining(const std::string& needle) const {
     for (const LogLine& l : lines())
         if (l.text.find(needle) != std::string::npos) ++n;
     return n;
+}
+
+std::vector<std::string> RecordingLogger::take() {
+    static const std::regex site("^([\\w~]+)\\(\\d+\\):");
+    std::vector<std::string> out;
+    for (const std::string& t : texts())
+        out.push_back(t.rfind("Callstack:", 0) == 0
+                          ? "Callstack:"
+                          : std::regex_replace(t, site, "$1:",
+                                               std::regex_constants::format_first_only));
+    reset();
+    return out;
 }
 
 void RecordingLogger::reset() {

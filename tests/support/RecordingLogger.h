@@ -34,6 +34,10 @@ public:
     std::vector<std::string> textsAt(int level) const;
     // Number of lines whose text contains `needle`.
     size_t countContaining(const std::string& needle) const;
+    // The texts with the source line dropped ("update(12):x" reads "update:x") and call
+    // stacks cut to "Callstack:"; then forgets them, so a test can take the lines of one step
+    // at a time.
+    std::vector<std::string> take();
     void reset();
     int flushes() const;
     std::vector<int> preAborts() const;
