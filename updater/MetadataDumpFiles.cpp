@@ -3,10 +3,9 @@
 #include <zorcam/metadata/IMetadataUpdater.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
+
+#include "BoundedText.h"
 
 namespace NSCam {
 namespace {
@@ -27,28 +26,6 @@ constexpr uint32_t kMaxUniqueKey = 999999999;
 constexpr uint32_t kMaxFrameNumber = 99999999;
 constexpr uint32_t kMaxRequestNumber = 9999;
 
-// Appends formatted text to a bounded buffer. The position advances by what the formatter
-// reports, which is the untruncated length and may run past the end; it is clamped to the
-// buffer's size so that no write lands outside it and every later piece sees no space.
-class BoundedWriter {
-public:
-    BoundedWriter(char* buffer, size_t size) : mBuffer(buffer), mSize(size) {}
-
-    void append(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
-        const size_t left = mSize - mPos;
-        va_list ap;
-        va_start(ap, fmt);
-        const int n = std::vsnprintf(mBuffer + mPos, left, fmt, ap);
-        va_end(ap);
-        if (n > 0) mPos += std::min(static_cast<size_t>(n), left);
-    }
-
-private:
-    char* mBuffer;
-    size_t mSize;
-    size_t mPos = 0;
-};
-
 // Item 0 of `tag` in `meta`, read as int, taken as unsigned and clamped to `max`; false when
 // the tag is absent. An entry without values reads as whatever the entry yields for index 0.
 bool readField(const IMetadata& meta, uint32_t tag, uint32_t max, int& value) {
@@ -65,21 +42,21 @@ const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* /*oth
                                   const IMetadata* frameMeta) {
     if (buffer == nullptr || frameMeta == nullptr) return "";
 
-    BoundedWriter out(buffer, size > 0 ? static_cast<size_t>(size) : 0);
-    out.append("%s", kDumpDirectory);
+    BoundedText out(buffer, size > 0 ? static_cast<size_t>(size) : 0);
+    out.appendf("%s", kDumpDirectory);
     int value = 0;
     if (readField(*frameMeta, kTagUniqueKey, kMaxUniqueKey, value))
-        out.append("%09d", value);
+        out.appendf("%09d", value);
     else
-        out.append("uniquekey");
+        out.appendf("uniquekey");
     if (readField(*frameMeta, kTagFrameNumber, kMaxFrameNumber, value))
-        out.append("-%04d", value);
+        out.appendf("-%04d", value);
     else
-        out.append("-frme");
+        out.appendf("-frme");
     if (readField(*frameMeta, kTagRequestNumber, kMaxRequestNumber, value))
-        out.append("-%04d", value);
+        out.appendf("-%04d", value);
     else
-        out.append("-rqst");
+        out.appendf("-rqst");
     return buffer;
 }
 

@@ -192,15 +192,21 @@ bool Content::update(int index, const void* data, size_t size, int type) {
     return true;
 }
 
+// The readers' common refusals, logged under each reader's own name.
+#define CHECK_ELEMENT_OR_RETURN(index, type, refusal)                                      \
+    do {                                                                                   \
+        if ((index) < 0 || (index) >= mCount) {                                            \
+            META_LOGE("index (%d) out of range (%d)", (index), mCount);                    \
+            return refusal;                                                                \
+        }                                                                                  \
+        if (mType != (type)) {                                                             \
+            META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", (type), mType);     \
+            return refusal;                                                                \
+        }                                                                                  \
+    } while (0)
+
 const void* Content::getBasicData(int index, int type) const {
-    if (index < 0 || index >= mCount) {
-        META_LOGE("index (%d) out of range (%d)", index, mCount);
-        return nullptr;
-    }
-    if (mType != type) {
-        META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", type, mType);
-        return nullptr;
-    }
+    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
     const size_t e = static_cast<size_t>(_typeSize());
     if (mBasicDataSP) return mBasicDataSP->data() + static_cast<size_t>(index) * e;
     if (mCount == 1) return mInlineData;
@@ -208,28 +214,14 @@ const void* Content::getBasicData(int index, int type) const {
 }
 
 std::shared_ptr<IMetadata::Storage> Content::getMetadata(int index, int type) const {
-    if (index < 0 || index >= mCount) {
-        META_LOGE("index (%d) out of range (%d)", index, mCount);
-        return nullptr;
-    }
-    if (mType != type) {
-        META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", type, mType);
-        return nullptr;
-    }
+    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
     if (!mMetaSP) return nullptr;
     if (type != TYPE_IMetadata) META_FATAL("mMetaSP without TYPE_IMetadata");
     return (*mMetaSP)[static_cast<size_t>(index)];
 }
 
 std::shared_ptr<std::vector<uint8_t>> Content::getMemory(int index, int type) const {
-    if (index < 0 || index >= mCount) {
-        META_LOGE("index (%d) out of range (%d)", index, mCount);
-        return nullptr;
-    }
-    if (mType != type) {
-        META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", type, mType);
-        return nullptr;
-    }
+    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
     if (!mMemSP) return nullptr;
     if (type != TYPE_Memory) META_FATAL("mMemSP without TYPE_Memory");
     return (*mMemSP)[static_cast<size_t>(index)].getDataSP();

@@ -47,27 +47,25 @@ std::string vformat(const char* fmt, va_list ap) {
 bool toAndroid() { return (ULogger::sMode & kModeAndroid) != 0; }
 bool toULog() { return (ULogger::sMode & kModeULog) != 0; }
 
-void vplain(const Site& site, int prio, int level, const char* fmt, va_list ap) {
+// One line to each sink the mode selects. Error lines on the Android log are located: the
+// plain text followed by " (func){#line:file}".
+void vemit(const Site& site, int prio, int level, bool located, const char* fmt, va_list ap) {
     if (toAndroid()) {
         va_list copy;
         va_copy(copy, ap);
         const std::string text = vformat(fmt, copy);
         va_end(copy);
-        __android_log_print(prio, site.tag, "%s", text.c_str());
+        if (located)
+            __android_log_print(prio, site.tag, "%s (%s){#%d:%s}", text.c_str(), site.func,
+                                site.line, site.file);
+        else
+            __android_log_print(prio, site.tag, "%s", text.c_str());
     }
     if (toULog()) vwriteULog(site.module, site.tag, level, fmt, ap);
 }
 
 void verror(const Site& site, const char* fmt, va_list ap) {
-    if (toAndroid()) {
-        va_list copy;
-        va_copy(copy, ap);
-        const std::string text = vformat(fmt, copy);
-        va_end(copy);
-        __android_log_print(kPrioError, site.tag, "%s (%s){#%d:%s}", text.c_str(), site.func,
-                            site.line, site.file);
-    }
-    if (toULog()) vwriteULog(site.module, site.tag, kULogError, fmt, ap);
+    vemit(site, kPrioError, kULogError, true, fmt, ap);
 }
 
 void errorf(const Site& site, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -96,14 +94,14 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
 void debug(const Site& site, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    vplain(site, kPrioDebug, kULogDebug, fmt, ap);
+    vemit(site, kPrioDebug, kULogDebug, false, fmt, ap);
     va_end(ap);
 }
 
 void warning(const Site& site, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    vplain(site, kPrioWarning, kULogWarning, fmt, ap);
+    vemit(site, kPrioWarning, kULogWarning, false, fmt, ap);
     va_end(ap);
 }
 

@@ -4,12 +4,12 @@
 #include <zorcam/platform/Properties.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <type_traits>
 
+#include "BoundedText.h"
 #include "Content.h"
 #include "Diagnostics.h"
 #include "FlatBytes.h"
@@ -568,26 +568,9 @@ IMetadata IMetadata::operator+(const IMetadata& other) const {
 
 namespace {
 
-// One dump line: at most 511 characters; what does not fit is cut at the end.
-class DumpLine {
-public:
-    static constexpr size_t kMax = 511;
-
-    DumpLine() { mText[0] = '\0'; }
-    int appendf(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
-        va_list ap;
-        va_start(ap, fmt);
-        const int reported = std::vsnprintf(mText + mPos, kMax - mPos + 1, fmt, ap);
-        va_end(ap);
-        if (reported > 0) mPos += std::min(static_cast<size_t>(reported), kMax - mPos);
-        return reported;
-    }
-    const char* c_str() const { return mText; }
-
-private:
-    char mText[kMax + 1];
-    size_t mPos = 0;
-};
+// A dump line holds at most 511 characters; what does not fit is cut at the end, never
+// wrapped onto a further line.
+constexpr size_t kDumpLineSize = 512;
 
 template <typename T>
 T itemOf(const IEntry& entry, uint32_t i) {
@@ -612,7 +595,8 @@ void IMetadata::dump(int layer, bool force) const {
         const IEntry entry = entryAt(static_cast<uint32_t>(i));
         const int32_t type = entry.type();
         const uint32_t count = entry.count();
-        DumpLine line;
+        char text[kDumpLineSize];
+        BoundedText line(text, sizeof(text));
         if (line.appendf("[%s] Map(%zu/%zu) tag(0x%x) type(%d) count(%d) ", "dump", i,
                          static_cast<size_t>(lockedRowCount()), entry.tag(), type,
                          static_cast<int>(count)) < 0)
