@@ -1,93 +1,47 @@
+// getDumpFilenamePrefix: the dump directory and the request's frame tags, clamped and cut.
 #include <zorcam/metadata/IMetadataUpdater.h>
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <optional>
-#include <ostream>
-#include <string>
-#include <vector>
 
-#include "RecordingLogger.h"
-
-namespace NSCam {
 namespace {
 
-constexpr uint32_t kUniqueKey = 0xC00B0000, kFrame = 0xC00B0001, kRequest = 0xC00B0002;
-const std::string kDir = "/sdcard/camera_dump/";
+using namespace NSCam;
 
-struct PrefixCase {
-    std::optional<int> key, frame, request;
-    const char* name;  // what follows the directory
-};
-void PrintTo(const PrefixCase& c, std::ostream* os) { *os << c.name; }
-
-IMetadata frameMetaOf(const PrefixCase& c) {
-    IMetadata meta;
-    if (c.key) IMetadata::setEntry<int32_t>(&meta, kUniqueKey, *c.key);
-    if (c.frame) IMetadata::setEntry<int32_t>(&meta, kFrame, *c.frame);
-    if (c.request) IMetadata::setEntry<int32_t>(&meta, kRequest, *c.request);
-    return meta;
-}
-
-// Calls with `size` into a larger buffer filled with '#' and checks that nothing at or past
-// `size` was written; returns what the call returned.
+// Calls into a '#'-filled buffer 8 bytes longer than `size`: nothing past the zero may change.
 std::string prefixOf(const IMetadata* meta, int size, const IMetadata* other = nullptr) {
-    std::vector<char> buf(static_cast<size_t>(size > 0 ? size : 0) + 8, '#');
+    std::vector<char> buf(static_cast<size_t>(std::max(size, 0)) + 8, '#');
     const char* out = getDumpFilenamePrefix(buf.data(), size, other, meta);
-    EXPECT_EQ(out, buf.data());
-    for (size_t i = size > 0 ? size : 0; i < buf.size(); ++i) EXPECT_EQ(buf[i], '#') << i;
-    return size > 0 ? std::string(out) : std::string();
+    EXPECT_EQ(out == buf.data(), meta != nullptr);  // the buffer, or "" for a null frameMeta
+    const size_t len = strnlen(out, static_cast<size_t>(std::max(size, 0)));
+    const size_t used = out == buf.data() && size > 0 ? len + 1 : 0;
+    EXPECT_EQ(std::string(buf.begin() + used, buf.end()), std::string(buf.size() - used, '#'));
+    return std::string(out, len);
 }
 
-class DumpFilenamePrefixTest : public zorcam_test::LoggerTest,
-                               public ::testing::WithParamInterface<PrefixCase> {};
-
-TEST_P(DumpFilenamePrefixTest, NamesTheRequestFromItsFrameTags) {
-    const IMetadata meta = frameMetaOf(GetParam());
-    EXPECT_EQ(prefixOf(&meta, 64), kDir + GetParam().name);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, DumpFilenamePrefixTest,
-    ::testing::Values(PrefixCase{12, 7, 3, "000000012-0007-0003"},
-                      PrefixCase{{}, {}, {}, "uniquekey-frme-rqst"},
-                      PrefixCase{12, {}, 3, "000000012-frme-0003"},
-                      PrefixCase{0, 0, 0, "000000000-0000-0000"},
-                      // Each field's clamp; the frame keeps eight digits in a field of four.
-                      PrefixCase{1234567890, 12345, 12345, "999999999-12345-9999"},
-                      PrefixCase{5, 123456789, 9999, "000000005-99999999-9999"},
-                      // Negative values are read as unsigned, so they clamp too.
-                      PrefixCase{-1, -1, -1, "999999999-99999999-9999"}));
-
-TEST_F(DumpFilenamePrefixTest, TruncatesAtEverySizeWithoutWritingPastIt) {
-    const IMetadata meta = frameMetaOf({12, 7, 3, ""});
-    const std::string full = kDir + "000000012-0007-0003";
-    EXPECT_EQ(prefixOf(&meta, 10), "/sdcard/c");
-    for (int size = -1; size <= static_cast<int>(full.size()) + 1; ++size) {
-        SCOPED_TRACE(size);
-        EXPECT_EQ(prefixOf(&meta, size), full.substr(0, size > 0 ? size - 1 : 0));
-        if (size <= 0) continue;
-        // An exactly sized heap block, so that a sanitizer build sees any overrun.
-        std::unique_ptr<char[]> exact(new char[size]);
-        EXPECT_STREQ(getDumpFilenamePrefix(exact.get(), size, nullptr, &meta),
-                     full.substr(0, size - 1).c_str());
+TEST(DumpFilenamePrefixTest, NamesClampsAndCutsAtEverySize) {
+    constexpr int no = INT32_MIN;  // the tag is absent
+    const struct { int key, frame, request; const char* name; } cases[] = {
+        {12, 7, 3, "000000012-0007-0003"}, {no, no, no, "uniquekey-frme-rqst"},
+        {12, no, 3, "000000012-frme-0003"}, {0, 0, 0, "000000000-0000-0000"},
+        // Each field's clamp (the frame keeps 8 digits); negatives, read unsigned, clamp too.
+        {1234567890, 12345, 12345, "999999999-12345-9999"},
+        {5, 123456789, 9999, "000000005-99999999-9999"}, {-1, -1, -1, "999999999-99999999-9999"}};
+    IMetadata meta, none;
+    for (const auto& c : cases) {
+        const int values[] = {c.key, c.frame, c.request};
+        for (uint32_t i = 0; i < 3; ++i)
+            if (values[i] == no) meta.remove(0xC00B0000 + i);
+            else IMetadata::setEntry<int32_t>(&meta, 0xC00B0000 + i, values[i]);
+        const std::string full = std::string("/sdcard/camera_dump/") + c.name;
+        for (int size = -1; size <= static_cast<int>(full.size()) + 1; ++size)
+            EXPECT_EQ(prefixOf(&meta, size), full.substr(0, std::max(size - 1, 0))) << size;
     }
-}
-
-TEST_F(DumpFilenamePrefixTest, NullArgumentsAndTheUnreadOtherMeta) {
-    char buf[8] = "#######";
-    const char* out = getDumpFilenamePrefix(buf, sizeof(buf), nullptr, nullptr);
-    EXPECT_NE(out, buf);
-    EXPECT_STREQ(out, "");
-    EXPECT_STREQ(buf, "#######");
-    const IMetadata meta = frameMetaOf({1, 2, 3, ""});
-    EXPECT_STREQ(getDumpFilenamePrefix(nullptr, 64, nullptr, &meta), "");
-    // Tags in otherMeta are not looked at.
-    const IMetadata empty;
-    EXPECT_EQ(prefixOf(&empty, 64, &meta), kDir + "uniquekey-frme-rqst");
+    EXPECT_EQ(prefixOf(&meta, 10), "/sdcard/c");
+    // Null arguments give "" and write nothing; tags in otherMeta are not looked at.
+    EXPECT_EQ(prefixOf(nullptr, 8) + getDumpFilenamePrefix(nullptr, 64, nullptr, &meta), "");
+    EXPECT_EQ(prefixOf(&none, 64, &meta), "/sdcard/camera_dump/uniquekey-frme-rqst");
 }
 
 }  // namespace
-}  // namespace NSCam

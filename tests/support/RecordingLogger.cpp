@@ -48,7 +48,7 @@ size_t RecordingLogger::countContaining(const std::string& needle) const {
 }
 
 std::vector<std::string> RecordingLogger::take() {
-    static const std::regex site("^([\\w~]+)\\(\\d+\\):");
+    static const std::regex site("^([\\w~+=]+)\\(\\d+\\):");
     std::vector<std::string> out;
     for (const std::string& t : texts())
         out.push_back(t.rfind("Callstack:", 0) == 0

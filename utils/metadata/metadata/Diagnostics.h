@@ -105,7 +105,3 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
                          ##__VA_ARGS__)
 #define META_FATAL_FLUSH(fmt, ...)                                                             \
     ::NSCam::diag::fatal(META_LOG_SITE_, true, "%s(%d):" fmt, __func__, __LINE__, ##__VA_ARGS__)
-#define META_FATAL_IF(cond, fmt, ...)                         \
-    do {                                                      \
-        if (__builtin_expect(!!(cond), 0)) META_FATAL(fmt, ##__VA_ARGS__); \
-    } while (0)
