@@ -12,16 +12,6 @@ void RecordingLogger::writeLine(uint32_t moduleId, const char* tag, int level, c
     mLines.push_back(LogLine{moduleId, tag ? tag : "", level, text ? text : "", length});
 }
 
-void RecordingLogger::flush() {
-    std::lock_guard<std::mutex> guard(mLock);
-    ++mFlushes;
-}
-
-void RecordingLogger::preAbort(int reason) {
-    std::lock_guard<std::mutex> guard(mLock);
-    mPreAborts.push_back(reason);
-}
-
 std::vector<LogLine> RecordingLogger::lines() const {
     std::lock_guard<std::mutex> guard(mLock);
     return mLines;
@@ -40,13 +30,6 @@ std::vector<std::string> RecordingLogger::textsAt(int level) const {
     return out;
 }
 
-size_t RecordingLogger::countContaining(const std::string& needle) const {
-    size_t n = 0;
-    for (const LogLine& l : lines())
-        if (l.text.find(needle) != std::string::npos) ++n;
-    return n;
-}
-
 std::vector<std::string> RecordingLogger::take() {
     static const std::regex site("^([\\w~+=]+)\\(\\d+\\):");
     std::vector<std::string> out;
@@ -62,18 +45,6 @@ std::vector<std::string> RecordingLogger::take() {
 void RecordingLogger::reset() {
     std::lock_guard<std::mutex> guard(mLock);
     mLines.clear();
-    mFlushes = 0;
-    mPreAborts.clear();
-}
-
-int RecordingLogger::flushes() const {
-    std::lock_guard<std::mutex> guard(mLock);
-    return mFlushes;
-}
-
-std::vector<int> RecordingLogger::preAborts() const {
-    std::lock_guard<std::mutex> guard(mLock);
-    return mPreAborts;
 }
 
 void LoggerTest::SetUp() {
