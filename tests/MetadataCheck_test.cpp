@@ -40,6 +40,12 @@ Bytes one(int32_t type, uint32_t count, Words w, uint32_t records = 1, uint32_t 
     const auto* bytes = reinterpret_cast<const uint8_t*>(w.data());
     return Bytes(bytes, bytes + 4 * w.size());
 }
+// `n` empty nested containers side by side in one record.
+Bytes wide(uint32_t n) {
+    Words w;
+    for (uint32_t i = 0; i < n; ++i) w.insert(w.end(), {8, 0x01245432, 0});
+    return one(TYPE_IMetadata, n, w);
+}
 // `levels` nested containers around one integer, written outside in: one pass for 10,000.
 Bytes chain(uint32_t levels) {
     Bytes b;
@@ -107,6 +113,8 @@ TEST_F(MetadataCheckTest, HugeClaimsAndDeepNestsAreRefusedWithoutAllocatingForTh
         {chain(64), "@2080"},
         {chain(65), "nesting too deep@2064"},  // at the 65th nested record
         {chain(10000), "nesting too deep@2064"},
+        {wide(8192), "@98332"},  // each would cost a whole tag table: at most 8192 a form
+        {wide(8193), "too many nested containers@98332"},
         {Bytes(), "null buffer@0"},
     };
     for (const auto& [bytes, refusal] : claims) EXPECT_EQ(agree(bytes), refusal);

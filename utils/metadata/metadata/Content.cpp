@@ -26,11 +26,9 @@ inline void countUp() { Content::mStatNum.fetch_add(1, std::memory_order_relaxed
 
 // Nesting depth of the record being decoded on this thread (a nested container's record
 // holds a storage block, which holds records again).
-thread_local int tDecodeDepth = 0;
-
 struct DepthGuard {
-    DepthGuard() { ++tDecodeDepth; }
-    ~DepthGuard() { --tDecodeDepth; }
+    DepthGuard() { ++flat::tDecode.depth; }
+    ~DepthGuard() { --flat::tDecode.depth; }
 };
 
 }  // namespace
@@ -340,6 +338,7 @@ long Content::flatten(void* buf, size_t capacity, size_t writable) const {
 }
 
 long Content::unflatten(const void* buf, size_t size) {
+    const flat::DecodeScope scope;
     flat::Reader r(buf, size);
     // Lengths are checked before they are used: a record that claims more than the buffer
     // holds is refused before anything is allocated for it.
@@ -378,7 +377,7 @@ long Content::unflatten(const void* buf, size_t size) {
 
     if (mType == TYPE_IMetadata) {
         if (count > r.remaining() / 4) return OUT_OF_BUFFER(count * 4);
-        if (tDecodeDepth >= flat::kMaxNestingDepth) {
+        if (flat::tDecode.depth >= flat::kMaxNestingDepth) {
             META_LOGE("nesting deeper than %d levels at %p", flat::kMaxNestingDepth, r.here());
             return -1;
         }
@@ -389,6 +388,11 @@ long Content::unflatten(const void* buf, size_t size) {
             const uint32_t n = r.u32();
             if (n == 0) continue;
             if (!r.has(n)) return OUT_OF_BUFFER(n);
+            if (++flat::tDecode.nested > flat::kMaxNestedContainers) {
+                META_LOGE("more than %zu nested containers at %p", flat::kMaxNestedContainers,
+                          r.here());
+                return -1;
+            }
             // The temporary container hands its storage out marked shared, so whoever
             // edits the nested value later copies it first.
             const IMetadata nested(r.here(), n);

@@ -26,6 +26,29 @@ constexpr int32_t kMaxRecords = 0x7FFF;
 // Nested containers deeper than this are refused as malformed when decoding, so that
 // foreign bytes cannot exhaust the stack.
 constexpr int kMaxNestingDepth = 64;
+// Nested containers one flat form may hold. Each decoded one owns a tag table of about
+// 7 KiB (slot array and row buffer) for as little as 12 bytes of input; the limit keeps what
+// foreign bytes can make a decoder allocate for them under 64 MiB.
+constexpr size_t kMaxNestedContainers = 8192;
+
+// What one decode on this thread has seen so far. A decode starts at whichever decoder is
+// entered first (a container's storage block, or a lone content record) and spans every
+// record and nested container below it.
+struct DecodeState {
+    int scopes = 0;     // decoders entered and not yet left
+    int depth = 0;      // nested containers open
+    size_t nested = 0;  // nested containers decoded since the decode started
+};
+inline thread_local DecodeState tDecode;
+
+struct DecodeScope {
+    DecodeScope() {
+        if (tDecode.scopes++ == 0) tDecode.nested = 0;
+    }
+    ~DecodeScope() { --tDecode.scopes; }
+    DecodeScope(const DecodeScope&) = delete;
+    DecodeScope& operator=(const DecodeScope&) = delete;
+};
 
 struct Writer {
     uint8_t* base;

@@ -67,6 +67,8 @@ private:
                 if (length == 0) continue;
                 if (end - pos < length) return fail(pos - 4, "element length exceeds record");
                 if (type == TYPE_IMetadata) {
+                    if (++mNested > flat::kMaxNestedContainers)
+                        return fail(pos - 4, "too many nested containers");
                     size_t used = 0;
                     if (!storage(pos, pos + length, depth + 1, used)) return false;
                 }
@@ -93,6 +95,7 @@ private:
     }
 
     const uint8_t* mBase;
+    size_t mNested = 0;  // nested containers met so far
     size_t mOffset = 0;
     const char* mReason = "";
 };

@@ -164,6 +164,7 @@ long Storage::unflatten(const void* buf, size_t size) {
         META_LOGE("flatten nullpointer");
         return -1;
     }
+    const flat::DecodeScope scope;
     flat::Reader r(buf, size);
 #define UNFLATTEN_OVERFLOW(needed)                                                           \
     (META_LOGE("unflatten buffer overflow!!!!!! %p %p", r.at(r.pos + (needed)), r.end()), -1L)
