@@ -119,8 +119,7 @@ int main() {
     IMetadata::getEntry<IMetadata>(&received, kVendorFaceInfo, faces);
     IMetadata::getEntry<int>(&faces, 0x00110006, faceCount);
     std::printf("flattened to %zu bytes; rebuilt %u entries; crop (%d,%d %dx%d); faces %d\n",
-                bytes.size(), received.count(), crop.p.x, crop.p.y, crop.s.w, crop.s.h,
-                faceCount);
+                bytes.size(), received.count(), crop.p.x, crop.p.y, crop.s.w, crop.s.h, faceCount);
     std::printf("round trip equal: %s\n", equal ? "yes" : "NO");
 
     // 5. The device stage of the updater, with both debug hints switched on. On a device
@@ -129,14 +128,15 @@ int main() {
     android::base::SetProperty("vendor.camera.debug.metaUpdater.setHintForCustomTuning", "0");
     auto updater = NSCam::IMetadataUpdater::create(NSCam::IMetadataUpdater::StaticInfo{0});
     const uint32_t before = received.count();
-    const int rc = updater->appendCustomerMeta(NSCam::IMetadataUpdater::APPEND_AT_DEVICE,
-                                               &received, nullptr, nullptr);
+    const int rc = updater->appendCustomerMeta(NSCam::IMetadataUpdater::APPEND_AT_DEVICE, &received,
+                                               nullptr, nullptr);
     int mfnr = -1, tuningHint = -1;
     IMetadata::getEntry<int>(&received, 0x80040000, mfnr);
     IMetadata::getEntry<int>(&received, 0x800B0011, tuningHint);
-    std::printf("updater at the device stage: rc %d, %u -> %u entries, MFNR hint %d, tuning "
-                "hint %d\n",
-                rc, before, received.count(), mfnr, tuningHint);
+    std::printf(
+        "updater at the device stage: rc %d, %u -> %u entries, MFNR hint %d, tuning "
+        "hint %d\n",
+        rc, before, received.count(), mfnr, tuningHint);
 
     // 6. Dump through the library's own dump (debug lines of the Android log, on stderr here;
     // the log lets debug lines through only when asked, as log.tag would on a device).

@@ -33,16 +33,36 @@ TEST_P(ContentDeathTest, EndsWithTheLocatedText) {
                                "\\)\\{#[0-9]+:utils/metadata/metadata/Content\\.cpp\\}");
 }
 
-void appendNone(Content& c) { c.update(-1, &c.mCount, 0, TYPE_INT32); }
-void readInt(Content& c) { c.getBasicData(1, TYPE_INT32); }
-void readMeta(Content& c) { c.getMetadata(0, TYPE_INT32); }
-void readMem(Content& c) { c.getMemory(0, TYPE_INT32); }
-void copy(Content& c) { Content other(c); }
-void size(Content& c) { c.flattenSize(); }
-void flatten(Content& c) { uint8_t buf[64]; c.flatten(buf, sizeof buf); }
-void typeSize(Content& c) { c._typeSize(); }
+void appendNone(Content& c) {
+    c.update(-1, &c.mCount, 0, TYPE_INT32);
+}
+void readInt(Content& c) {
+    c.getBasicData(1, TYPE_INT32);
+}
+void readMeta(Content& c) {
+    c.getMetadata(0, TYPE_INT32);
+}
+void readMem(Content& c) {
+    c.getMemory(0, TYPE_INT32);
+}
+void copy(Content& c) {
+    Content other(c);
+}
+void size(Content& c) {
+    c.flattenSize();
+}
+void flatten(Content& c) {
+    uint8_t buf[64];
+    c.flatten(buf, sizeof buf);
+}
+void typeSize(Content& c) {
+    c._typeSize();
+}
 // A corrupt type code in a record is sized by _typeSize(), which refuses it.
-void record(Content& c) { const uint32_t r[] = {Content::kPattern, 11, 1, 0}; c.unflatten(r, 16); }
+void record(Content& c) {
+    const uint32_t r[] = {Content::kPattern, 11, 1, 0};
+    c.unflatten(r, 16);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Invariants, ContentDeathTest,

@@ -18,7 +18,9 @@ using Content = IMetadata::Content;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-std::string ptr(const void* p) { return ::testing::PrintToString(p); }
+std::string ptr(const void* p) {
+    return ::testing::PrintToString(p);
+}
 Bytes flat(const Content& c) {
     Bytes out(c.flattenSize());
     return c.flatten(out.data(), out.size()) == static_cast<long>(out.size()) ? out : Bytes();
@@ -44,14 +46,20 @@ TEST_F(ContentTest, RecordBytesReadBackAndOneByteShort) {
     const MRect rects[] = {MRect(1, 2, 3, 4), MRect(-1, -2, 0x7FFFFFFF, 5)};
     const IMetadata::Memory blobs[] = {IMetadata::Memory("\x11\x22\x33", 3), {}};
     const IMetadata none;
-    const struct { int type; const void* data; size_t n; Bytes bytes; } cases[] = {
+    const struct {
+        int type;
+        const void* data;
+        size_t n;
+        Bytes bytes;
+    } cases[] = {
         {-1, nullptr, 0, {0xCD, 0x54, 0x24, 0xAB, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}},
         {TYPE_INT32, &seven, 1, {0xCD, 0x54, 0x24, 0xAB, 1, 0, 0, 0, 1, 0, 0, 0, 7, 0, 0, 0}},
-        {TYPE_MRect, rects, 2, {0xCD, 0x54, 0x24, 0xAB, 8, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0,
-                                0, 3, 0, 0, 0, 4, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF,
-                                0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 5, 0, 0, 0}},
-        {TYPE_Memory, blobs, 2, {0xCD, 0x54, 0x24, 0xAB, 10, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 0x11,
-                                 0x22, 0x33, 0, 0, 0, 0}},
+        {TYPE_MRect, rects, 2, {0xCD, 0x54, 0x24, 0xAB, 8,    0,    0,    0,    2,    0,    0,
+                                0,    1,    0,    0,    0,    2,    0,    0,    0,    3,    0,
+                                0,    0,    4,    0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0xFE,
+                                0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 5,    0,    0,    0}},
+        {TYPE_Memory, blobs, 2, {0xCD, 0x54, 0x24, 0xAB, 10,   0,    0,    0, 2, 0, 0, 0,
+                                 3,    0,    0,    0,    0x11, 0x22, 0x33, 0, 0, 0, 0}},
         {TYPE_IMetadata, &none, 1, {0xCD, 0x54, 0x24, 0xAB, 9, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}}};
     int err = -1;
     for (const auto& k : cases) {
@@ -66,8 +74,9 @@ TEST_F(ContentTest, RecordBytesReadBackAndOneByteShort) {
         Content shortened(buf.data(), size - 1, err);
         buf[size - 1] = 0xEE;
         EXPECT_TRUE(c.flatten(buf.data(), size - 1) == -1 && buf[size - 1] == 0xEE) << k.type;
-        EXPECT_EQ(log.take(), Lines({"unflatten:out of buffer " + end, "Content:unflatten error " +
-                                     ptr(buf.data()) + ", size " + std::to_string(size - 1),
+        EXPECT_EQ(log.take(), Lines({"unflatten:out of buffer " + end,
+                                     "Content:unflatten error " + ptr(buf.data()) + ", size " +
+                                         std::to_string(size - 1),
                                      "flatten:out of buffer " + end}));
     }
     const Bytes bad = {0x78, 0x56, 0x34, 0x12, 1, 0, 0, 0, 1, 0, 0, 0};
@@ -84,7 +93,8 @@ TEST_F(ContentTest, RecordBytesReadBackAndOneByteShort) {
             rec.resize(16);
             zorcam_test::resetLargestAllocation();
             Content huge(rec.data(), rec.size(), err);
-            EXPECT_TRUE(err == 1 && zorcam_test::largestAllocation() < 4096u) << type << " x " << count;
+            EXPECT_TRUE(err == 1 && zorcam_test::largestAllocation() < 4096u)
+                << type << " x " << count;
         }
 }
 

@@ -27,7 +27,12 @@ struct EchoLogger final : ULogger {  // echoes to stderr what the unified logger
 } gEcho;
 
 TEST(DiagnosticsDeathTest, FatalTellsTheUnifiedLoggerThenAssertsTheLocatedText) {
-    const struct { int mode; void (*site)(); const char *func, *text, *then; int line; } cases[] = {
+    const struct {
+        int mode;
+        void (*site)();
+        const char *func, *text, *then;
+        int line;
+    } cases[] = {
         {0x0, fatalSite, "fatalSite", "broken row 7", nullptr, kLine + 1},
         {0x8, fatalSite, "fatalSite", "broken row 7", "ulog preAbort(1)\n", kLine + 1},
         {0x2, flushSite, "flushSite", "bad type 9", "ulog flush\nulog preAbort(1)\n", kLine + 2},

@@ -38,7 +38,8 @@ Lines gAndroid;  // "priority tag text", through liblog's logger hook, for the w
 const bool kHooked = (__android_log_set_minimum_priority(ANDROID_LOG_VERBOSE),
                       __android_log_set_logger([](const __android_logger_data* d, const char* m) {
                           gAndroid.push_back(std::to_string(d->priority) + " " + d->tag + " " + m);
-                      }), true);
+                      }),
+                      true);
 
 // Unified-logger lines as "tag Llevel text" (source line dropped); checks module, length.
 Lines ulog(zorcam_test::RecordingLogger& log) {
@@ -71,7 +72,11 @@ TEST_F(DiagnosticsTest, ModeBitsChooseTheSinks) {
 
 TEST_F(DiagnosticsTest, LevelAndMaskGateEachKind) {
     const std::string meta = "Metadata2/Content ", upd = "zorcam-MetaUpdater ";
-    const struct { int (*site)(); uint32_t level, mask; Lines want; } cases[] = {
+    const struct {
+        int (*site)();
+        uint32_t level, mask;
+        Lines want;
+    } cases[] = {
         {debugSite, 5, 0x1001000, {meta + "L5 debugSite:debug 1"}},
         {debugSite, 4, 0x1001000, {}},
         {debugSite, 9, 0x1000000, {}},
@@ -82,7 +87,9 @@ TEST_F(DiagnosticsTest, LevelAndMaskGateEachKind) {
         {[] { return errorSite("0"); }, 0, 0, {meta + "L1 errorSite:error 0"}},
         {callStackSite, 0, 0, {}},
         {callStackSite, 1, 0, {meta + "L1 callStackSite:lost row", meta + "L1 Callstack:"}},
-        {traceSite, 6, 0x1001000,
+        {traceSite,
+         6,
+         0x1001000,
          {meta + "L1 traceSite:again 6", meta + "L6 traceSite:again 6", meta + "L6 Callstack:"}},
         {traceSite, 5, 0x1001000, {meta + "L1 traceSite:again 6"}},
         {traceSite, 9, 0x1000000, {meta + "L1 traceSite:again 6"}},

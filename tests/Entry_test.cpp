@@ -24,21 +24,43 @@ using Memory = IMetadata::Memory;
 using Lines = std::vector<std::string>;
 constexpr Type2Type<int> kInt{};
 
-IMetadata::Content* contentOf(const IEntry& e) { return MetadataInspector::content(e).get(); }
+IMetadata::Content* contentOf(const IEntry& e) {
+    return MetadataInspector::content(e).get();
+}
 template <typename... A>
-std::string fmt(const char* f, A... a) { char b[200]; std::snprintf(b, 200, f, a...); return b; }
+std::string fmt(const char* f, A... a) {
+    char b[200];
+    std::snprintf(b, 200, f, a...);
+    return b;
+}
 std::string failed(const char* f, const char* what, const IEntry& e) {  // a read or an edit
     return fmt("%s:%s, tag %x, mContentPtr %p", f, what, e.tag(), static_cast<void*>(contentOf(e)));
 }
 
 // Distinct values of each type; a container read back shares the stored storage.
 template <typename T>
-T sample(int i) { T v; std::memset(static_cast<void*>(&v), 17 * (i + 1), sizeof v); return v; }
-template <> Memory sample(int i) { return Memory("abcdef", static_cast<size_t>(i + 1)); }
-template <> IMetadata sample(int i) { IMetadata m; IMetadata::setEntry<int>(&m, 1, i); return m; }
+T sample(int i) {
+    T v;
+    std::memset(static_cast<void*>(&v), 17 * (i + 1), sizeof v);
+    return v;
+}
+template <>
+Memory sample(int i) {
+    return Memory("abcdef", static_cast<size_t>(i + 1));
+}
+template <>
+IMetadata sample(int i) {
+    IMetadata m;
+    IMetadata::setEntry<int>(&m, 1, i);
+    return m;
+}
 template <typename T>
-bool same(const T& a, const T& b) { return a == b; }
-bool same(const IMetadata& a, const IMetadata& b) { return a.getStorageSP() == b.getStorageSP(); }
+bool same(const T& a, const T& b) {
+    return a == b;
+}
+bool same(const IMetadata& a, const IMetadata& b) {
+    return a.getStorageSP() == b.getStorageSP();
+}
 
 using EntryTest = zorcam_test::LoggerTest;
 template <typename T>
@@ -72,10 +94,10 @@ TYPED_TEST(EntryTypedTest, EditAndReadFamilies) {
     EXPECT_TRUE(same(e.itemAt(1, t), v[1]) && same(e.itemAt(2, t), v[4]));
     e.replaceItemAt(3, v[0], t);
     e.push_back(v, 0x80000000u, t);
-    EXPECT_EQ(this->log.take(), Lines({"update:index (3) out of range (3)",
-                                       failed("replaceItemAt", "Update error", e),
-                                       "update:index (-1) out of range (3)",
-                                       failed("push_back", "Update error", e)}));
+    EXPECT_EQ(
+        this->log.take(),
+        Lines({"update:index (3) out of range (3)", failed("replaceItemAt", "Update error", e),
+               "update:index (-1) out of range (3)", failed("push_back", "Update error", e)}));
     // An entry without content: basic types log and give their default, handles are silent.
     const bool handle = std::is_same<TypeParam, Memory>() || std::is_same<TypeParam, IMetadata>();
     const IEntry empty(0xFFFF0000u);
@@ -85,19 +107,30 @@ TYPED_TEST(EntryTypedTest, EditAndReadFamilies) {
 }
 
 template <typename U, typename T>
-U as(const T& v) { IEntry e; e.push_back(v, Type2Type<U>()); return e.itemAt(0, Type2Type<U>()); }
+U as(const T& v) {
+    IEntry e;
+    e.push_back(v, Type2Type<U>());
+    return e.itemAt(0, Type2Type<U>());
+}
 
 // Each converting append at its wrapping edge: the language's conversion, silently.
 TEST_F(EntryTest, ConvertingAppendsAndIndexOf) {
-    const bool rows[] = {
-        as<unsigned char>(static_cast<char>(-1)) == 255, as<unsigned char>(true) == 1,
-        as<unsigned char>(300) == 44, as<unsigned char>(0x1FFu) == 255,
-        as<long>(INT32_MIN) == INT32_MIN, as<long>(0xFFFFFFFFu) == 4294967295L,
-        as<long>(1ul << 63) == INT64_MIN, as<float>(16777217) == 16777216.0f,
-        as<float>(0xFFFFFFFFu) == 4294967296.0f, as<float>(0.1) == 0.1f,
-        as<double>(0xFFFFFFFFu) == 4294967295.0, as<int>(true) == 1, as<int>(0x100000005L) == 5,
-        as<int>(0x80000000u) == INT32_MIN, as<int>(static_cast<unsigned short>(0xFFFF)) == 65535,
-        as<int>(0xFFFFFFFF80000000ul) == INT32_MIN};
+    const bool rows[] = {as<unsigned char>(static_cast<char>(-1)) == 255,
+                         as<unsigned char>(true) == 1,
+                         as<unsigned char>(300) == 44,
+                         as<unsigned char>(0x1FFu) == 255,
+                         as<long>(INT32_MIN) == INT32_MIN,
+                         as<long>(0xFFFFFFFFu) == 4294967295L,
+                         as<long>(1ul << 63) == INT64_MIN,
+                         as<float>(16777217) == 16777216.0f,
+                         as<float>(0xFFFFFFFFu) == 4294967296.0f,
+                         as<float>(0.1) == 0.1f,
+                         as<double>(0xFFFFFFFFu) == 4294967295.0,
+                         as<int>(true) == 1,
+                         as<int>(0x100000005L) == 5,
+                         as<int>(0x80000000u) == INT32_MIN,
+                         as<int>(static_cast<unsigned short>(0xFFFF)) == 65535,
+                         as<int>(0xFFFFFFFF80000000ul) == INT32_MIN};
     for (size_t i = 0; i < std::size(rows); ++i) EXPECT_TRUE(rows[i]) << "row " << i;
     // Search compares as the type does: NaN never matches, -0.0 matches 0.0, blobs by bytes.
     IEntry f(1), m(4);
@@ -145,8 +178,10 @@ TEST_F(EntryTest, CopyOnWriteInEveryDirection) {
         setLogging(0x2, level, 0);
         auto content = std::make_shared<IMetadata::Content>();
         const IEntry e(0x77, content), again(0x78, content);  // the second: nothing to say
-        const std::string line = fmt("IEntry:NOT ReadOnly! %p created. tag 77, share content(%p, "
-                                     "ref:2)", static_cast<const void*>(&e), content.get());
+        const std::string line =
+            fmt("IEntry:NOT ReadOnly! %p created. tag 77, share content(%p, "
+                "ref:2)",
+                static_cast<const void*>(&e), content.get());
         EXPECT_TRUE(content->isReadOnly());
         EXPECT_EQ(log.take(), (level ? Lines{line, "Callstack:"} : Lines{}));
     }
@@ -156,8 +191,12 @@ TEST_F(EntryTest, CopyOnWriteInEveryDirection) {
 TEST_F(EntryTest, ThreadsAssignToEachOther) {
     IEntry a(1), b(2);
     a.push_back(1, kInt);
-    std::thread t1([&] { for (int i = 0; i < 20000; ++i) a = b; });
-    std::thread t2([&] { for (int i = 0; i < 20000; ++i) b = a; });
+    std::thread t1([&] {
+        for (int i = 0; i < 20000; ++i) a = b;
+    });
+    std::thread t2([&] {
+        for (int i = 0; i < 20000; ++i) b = a;
+    });
     for (std::thread* t : {&t1, &t2}) t->join();
     EXPECT_TRUE(contentOf(a) == contentOf(b) && a.tag() == b.tag());
 }

@@ -15,8 +15,12 @@ using Allocator = Memory::BufferAllocator;
 using BufferSP = Memory::BufferSP;
 using Bytes = std::vector<uint8_t>;
 
-Bytes bytesOf(const Memory& m) { return Bytes(m.array(), m.array() + m.size()); }
-Memory blob(const Bytes& b) { return Memory(b.data(), b.size()); }
+Bytes bytesOf(const Memory& m) {
+    return Bytes(m.array(), m.array() + m.size());
+}
+Memory blob(const Bytes& b) {
+    return Memory(b.data(), b.size());
+}
 uint32_t spares(const Allocator& pool, size_t size) {
     Allocator::Place p{};
     return pool.locate(size, p) ? pool.spareCount(p.cls, p.slot) : 99;
@@ -24,10 +28,14 @@ uint32_t spares(const Allocator& pool, size_t size) {
 
 TEST(PoolTest, BoundarySizesLandInTheirClassSlotAndCapacity) {
     Allocator pool;
-    struct { size_t size; bool pooled; uint32_t cls, slot, cap; } const cases[] = {
-        {31, false, 0, 0, 31}, {32, true, 0, 7, 32}, {60, true, 0, 0, 60}, {61, true, 1, 7, 64},
-        {100, true, 1, 2, 104}, {104, true, 1, 2, 104}, {122880, true, 11, 0, 122880},
-        {122881, false, 0, 0, 122881}};
+    struct {
+        size_t size;
+        bool pooled;
+        uint32_t cls, slot, cap;
+    } const cases[] = {{31, false, 0, 0, 31},         {32, true, 0, 7, 32},
+                       {60, true, 0, 0, 60},          {61, true, 1, 7, 64},
+                       {100, true, 1, 2, 104},        {104, true, 1, 2, 104},
+                       {122880, true, 11, 0, 122880}, {122881, false, 0, 0, 122881}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
         Allocator::Place p{};
@@ -50,7 +58,7 @@ TEST(PoolTest, RecycleKeepsFiveUnsharedBuffersWithTheirBytes) {
     const Memory sharer(b[6]);
     pool.recycle(std::move(b[6]));
     EXPECT_TRUE(b[6] && pool.memoryDosage() == 0u);  // held elsewhere: never taken
-    b[0]->resize(40);  // filed by capacity, not by size
+    b[0]->resize(40);                                // filed by capacity, not by size
     pool.recycle(std::move(b[0]));
     EXPECT_EQ(pool.memoryDosage(), 104u);
     for (int i = 1; i < 6; ++i) pool.recycle(std::move(b[i]));
@@ -85,8 +93,12 @@ TEST(PoolTest, TwoThreadsShareOneSlotConsistently) {
 }
 
 TEST(MemoryTest, EqualityRules) {  // no vector == empty vector; else sizes, then bytes
-    const Memory v[] = {Memory(), Memory(std::make_shared<Bytes>()), blob({'a', 'b', 'c'}),
-                        blob({'a', 'b', 'd'}), blob({'a', 'b', 'c'}), blob({'a', 'b'})};
+    const Memory v[] = {Memory(),
+                        Memory(std::make_shared<Bytes>()),
+                        blob({'a', 'b', 'c'}),
+                        blob({'a', 'b', 'd'}),
+                        blob({'a', 'b', 'c'}),
+                        blob({'a', 'b'})};
     for (int i = 0; i < 6; ++i)
         for (int j = 0; j < 6; ++j)
             EXPECT_EQ(v[i] == v[j], i == j || i + j == 1 || i * j == 8) << i << "," << j;
@@ -95,11 +107,23 @@ TEST(MemoryTest, EqualityRules) {  // no vector == empty vector; else sizes, the
 // Every way of making a second handle shares the bytes; a write through either copies first.
 TEST(MemoryTest, CopiesShareUntilWritten) {
     const Bytes src = {1, 2, 3, 4, 5, 6, 7, 8};
-    Memory (*const makers[])(Memory&) = {
-        [](Memory& a) { return Memory(a); }, [](Memory& a) { return Memory(std::move(a)); },
-        [](Memory& a) { Memory b; b = a; return b; },
-        [](Memory& a) { Memory b = blob({9}); b = std::move(a); return b; },
-        [](Memory& a) { Memory b; b.append(a); return b; }};
+    Memory (*const makers[])(Memory&) = {[](Memory& a) { return Memory(a); },
+                                         [](Memory& a) { return Memory(std::move(a)); },
+                                         [](Memory& a) {
+                                             Memory b;
+                                             b = a;
+                                             return b;
+                                         },
+                                         [](Memory& a) {
+                                             Memory b = blob({9});
+                                             b = std::move(a);
+                                             return b;
+                                         },
+                                         [](Memory& a) {
+                                             Memory b;
+                                             b.append(a);
+                                             return b;
+                                         }};
     for (size_t i = 0; i < std::size(makers); ++i) {
         SCOPED_TRACE(i);
         Memory a = blob(src), b = makers[i](a);
@@ -129,7 +153,11 @@ TEST(MemoryTest, EditsZeroFillAndLeaveASharerAlone) {
     EXPECT_EQ(twice.append(twice), 6u);
     EXPECT_TRUE(zeroed.array() == dirty[1] && grown.array() == dirty[0]);
     EXPECT_EQ(bytesOf(zeroed), Bytes(50, 0));
-    EXPECT_EQ(bytesOf(grown), ([] { Bytes w = {1, 2, 3}; w.resize(50); return w; }()));
+    EXPECT_EQ(bytesOf(grown), ([] {
+                  Bytes w = {1, 2, 3};
+                  w.resize(50);
+                  return w;
+              }()));
     EXPECT_EQ(bytesOf(cut), (Bytes{1, 2}));
     EXPECT_EQ(bytesOf(twice), (Bytes{1, 2, 3, 1, 2, 3}));
     EXPECT_EQ(bytesOf(a), (Bytes{1, 2, 3}));

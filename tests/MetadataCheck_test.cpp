@@ -70,7 +70,8 @@ protected:
         EXPECT_EQ(IMetadata::Storage().unflatten(b.data(), b.size()),
                   c.ok ? long(c.consumed) : -1L);
         EXPECT_EQ(of(b).getStorageSP() != nullptr, c.ok);
-        EXPECT_LT(zorcam_test::largestAllocation(), b.size() + 64 * 1024);  // nothing allocated for a claim
+        EXPECT_LT(zorcam_test::largestAllocation(),
+                  b.size() + 64 * 1024);  // nothing allocated for a claim
         return said;
     }
     std::map<std::string, size_t> seen;  // answers by reason, "" when ok
@@ -119,7 +120,8 @@ TEST_F(MetadataCheckTest, HugeClaimsAndDeepNestsAreRefusedWithoutAllocatingForTh
     };
     for (const auto& [bytes, refusal] : claims) EXPECT_EQ(agree(bytes), refusal);
     EXPECT_EQ(agree(one(TYPE_UINT8, 100000, Words(25000, 7))), "@100028");
-    EXPECT_GE(zorcam_test::largestAllocation(), 100000u);  // the counter sees what the decoders allocate
+    EXPECT_GE(zorcam_test::largestAllocation(),
+              100000u);  // the counter sees what the decoders allocate
 }
 
 TEST_F(MetadataCheckTest, RefusalsLogTheSystemsLines) {

@@ -22,18 +22,26 @@ std::string prefixOf(const IMetadata* meta, int size, const IMetadata* other = n
 
 TEST(DumpFilenamePrefixTest, NamesClampsAndCutsAtEverySize) {
     constexpr int no = INT32_MIN;  // the tag is absent
-    const struct { int key, frame, request; const char* name; } cases[] = {
-        {12, 7, 3, "000000012-0007-0003"}, {no, no, no, "uniquekey-frme-rqst"},
-        {12, no, 3, "000000012-frme-0003"}, {0, 0, 0, "000000000-0000-0000"},
+    const struct {
+        int key, frame, request;
+        const char* name;
+    } cases[] = {
+        {12, 7, 3, "000000012-0007-0003"},
+        {no, no, no, "uniquekey-frme-rqst"},
+        {12, no, 3, "000000012-frme-0003"},
+        {0, 0, 0, "000000000-0000-0000"},
         // Each field's clamp (the frame keeps 8 digits); negatives, read unsigned, clamp too.
         {1234567890, 12345, 12345, "999999999-12345-9999"},
-        {5, 123456789, 9999, "000000005-99999999-9999"}, {-1, -1, -1, "999999999-99999999-9999"}};
+        {5, 123456789, 9999, "000000005-99999999-9999"},
+        {-1, -1, -1, "999999999-99999999-9999"}};
     IMetadata meta, none;
     for (const auto& c : cases) {
         const int values[] = {c.key, c.frame, c.request};
         for (uint32_t i = 0; i < 3; ++i)
-            if (values[i] == no) meta.remove(0xC00B0000 + i);
-            else IMetadata::setEntry<int32_t>(&meta, 0xC00B0000 + i, values[i]);
+            if (values[i] == no)
+                meta.remove(0xC00B0000 + i);
+            else
+                IMetadata::setEntry<int32_t>(&meta, 0xC00B0000 + i, values[i]);
         const std::string full = std::string("/sdcard/camera_dump/") + c.name;
         for (int size = -1; size <= static_cast<int>(full.size()) + 1; ++size)
             EXPECT_EQ(prefixOf(&meta, size), full.substr(0, std::max(size - 1, 0))) << size;

@@ -19,15 +19,24 @@ IMetadata::IEntry entry(const std::vector<T>& values) {
 
 class DumpTest : public zorcam_test::LoggerTest {
 protected:
-    void SetUp() override { LoggerTest::SetUp(); setLogging(0x2, 5, 0x1001000); }
-    void TearDown() override { IMetadata::mLogLevel = mSavedLevel; LoggerTest::TearDown(); }
+    void SetUp() override {
+        LoggerTest::SetUp();
+        setLogging(0x2, 5, 0x1001000);
+    }
+    void TearDown() override {
+        IMetadata::mLogLevel = mSavedLevel;
+        LoggerTest::TearDown();
+    }
     const int32_t mSavedLevel = std::exchange(IMetadata::mLogLevel, 0);
 };
 
 TEST_F(DumpTest, EveryValueFormNestingTheSwitchAndEmptyContainers) {
     const std::string blob = std::string(64, 'x') + std::string(36, 'y');
     std::string hex, rects;
-    for (int i = 0; i < 200; ++i) { rects += "rect(1,2,3,4) "; if (i < 64) hex += "78 "; }
+    for (int i = 0; i < 200; ++i) {
+        rects += "rect(1,2,3,4) ";
+        if (i < 64) hex += "78 ";
+    }
     IMetadata second, m, none, empty;
     second.update(0x10003, entry<MPoint>({{1, 2}}));
     second.update(0x10004, entry<float>({0.5f}));
@@ -59,11 +68,12 @@ TEST_F(DumpTest, EveryValueFormNestingTheSwitchAndEmptyContainers) {
     }
     // Each nested container a layer deeper; the row's line grows after each.
     const std::string nest = expected.back();
-    expected.insert(expected.end(), {"dump:layer 1", "dump:mStorage count 2",
-        "dump:(L1) [dump] Map(0/2) tag(0x10003) type(6) count(1) point(1,2) ",
-        "dump:(L1) [dump] Map(1/2) tag(0x10004) type(2) count(1) 0.500000 ",
-        nest + "metadata.. ", "dump:layer 1", "dump:IMetadata::dump mStorage == nullptr",
-        nest + "metadata.. "});
+    expected.insert(
+        expected.end(),
+        {"dump:layer 1", "dump:mStorage count 2",
+         "dump:(L1) [dump] Map(0/2) tag(0x10003) type(6) count(1) point(1,2) ",
+         "dump:(L1) [dump] Map(1/2) tag(0x10004) type(2) count(1) 0.500000 ", nest + "metadata.. ",
+         "dump:layer 1", "dump:IMetadata::dump mStorage == nullptr", nest + "metadata.. "});
     m.dump(0, true);
     for (const auto& l : log.lines())  // debug lines of the container
         EXPECT_TRUE(l.tag == "Metadata2" && l.moduleId == 0x1001003 && l.level == 5) << l.text;

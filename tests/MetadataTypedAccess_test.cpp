@@ -19,26 +19,42 @@ std::vector<uint8_t> flat(const IMetadata& m) {
     m.flatten(b.data(), b.size());
     return b;
 }
-bool same(const IMetadata& x, const IMetadata& y) { return flat(x) == flat(y); }
-template <typename T> bool same(const T& x, const T& y) { return x == y; }
-IMetadata holding(int v) { IMetadata m; IMetadata::setEntry<int>(&m, kTag, v); return m; }
+bool same(const IMetadata& x, const IMetadata& y) {
+    return flat(x) == flat(y);
+}
+template <typename T>
+bool same(const T& x, const T& y) {
+    return x == y;
+}
+IMetadata holding(int v) {
+    IMetadata m;
+    IMetadata::setEntry<int>(&m, kTag, v);
+    return m;
+}
 auto rowContent(const Storage& s, uint32_t tag) {
     const uint16_t row = s.mItemTable.getIndexByTag(tag);
     return row == Storage::ItemTable::kNoRow ? nullptr : s.mItemTable.at(row).content;
 }
 
-template <typename T> struct Two;  // two distinct values of each type
-#define TWO(T, A, B) \
-    template <> struct Two<T> { static T a() { return A; } static T b() { return B; } };
-TWO(unsigned char, 7, 250) TWO(int, -5, 123456) TWO(float, 1.5f, -2.25f) TWO(double, 0.1, -1e300)
-TWO(long, -5000000000L, 1L << 40) TWO(MRational, MRational(3, 4), MRational(-1, 7))
-TWO(MPoint, MPoint(1, 2), MPoint(-3, 4)) TWO(MSize, MSize(640, 480), MSize(1, 1))
-TWO(MRect, MRect(1, 2, 3, 4), MRect(5, 6, 7, 8)) TWO(IMetadata, holding(5), holding(-8))
-TWO(Memory, Memory("\1\2\3", 3), Memory("\11\10", 2))
+template <typename T>
+struct Two;  // two distinct values of each type
+#define TWO(T, A, B)               \
+    template <>                    \
+    struct Two<T> {                \
+        static T a() { return A; } \
+        static T b() { return B; } \
+    };
+TWO(unsigned char, 7, 250)
+TWO(int, -5, 123456) TWO(float, 1.5f, -2.25f) TWO(double, 0.1, -1e300)
+    TWO(long, -5000000000L, 1L << 40) TWO(MRational, MRational(3, 4), MRational(-1, 7))
+        TWO(MPoint, MPoint(1, 2), MPoint(-3, 4)) TWO(MSize, MSize(640, 480), MSize(1, 1))
+            TWO(MRect, MRect(1, 2, 3, 4), MRect(5, 6, 7, 8)) TWO(IMetadata, holding(5), holding(-8))
+                TWO(Memory, Memory("\1\2\3", 3), Memory("\11\10", 2))
 #undef TWO
 
-template <typename T>
-class TypedAccessTest : public zorcam_test::LoggerTest {};
+                    template <typename T>
+                    class TypedAccessTest : public zorcam_test::LoggerTest {
+};
 using ValueTypes = ::testing::Types<unsigned char, int, float, long, double, MRational, MPoint,
                                     MSize, MRect, IMetadata, Memory>;
 TYPED_TEST_SUITE(TypedAccessTest, ValueTypes);
@@ -57,7 +73,8 @@ TYPED_TEST(TypedAccessTest, RoundTripsIndexBoundsAndIsolation) {
         return s.readEntry<T>(kAbsent, out) + s.readEntries<T>(kAbsent, untouched) +
                s.readEntry<T>(kTag, kept) + s.readEntries<T>(kTag2, all) +
                s.readEntries<T>(kTag2, small);
-    }), -2);
+    }),
+              -2);
     EXPECT_TRUE(same(out, b) && same(kept, b) && untouched.size() == 2 && same(untouched[1], b));
     ASSERT_TRUE(all.size() == 3 && small.size() == 3);
     for (size_t i = 0; i < 3; ++i) EXPECT_TRUE(same(all[i], many[i]) && same(small[i], many[i]));

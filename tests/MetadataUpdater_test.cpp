@@ -34,10 +34,14 @@ protected:
 TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
     IMetadata empty, meta;
     const std::pair<IMetadata::IEntry, std::string> cases[] = {
-        {entry<uint8_t>({255, 0}), "255 0 "}, {entry<int32_t>({-5, 7}), "-5 7 "},
-        {entry<float>({1.5f}), "1.500000 "}, {entry<MRational>({{1, 3}}), "[1 / 3] "},
-        {entry<int64_t>({-1099511627776}), "-1099511627776 "}, {entry<IMetadata>({empty}), ""},
-        {entry<double>({2.25, -0.5}), "2.250000 -0.500000 "}, {IMetadata::IEntry(), ""},
+        {entry<uint8_t>({255, 0}), "255 0 "},
+        {entry<int32_t>({-5, 7}), "-5 7 "},
+        {entry<float>({1.5f}), "1.500000 "},
+        {entry<MRational>({{1, 3}}), "[1 / 3] "},
+        {entry<int64_t>({-1099511627776}), "-1099511627776 "},
+        {entry<IMetadata>({empty}), ""},
+        {entry<double>({2.25, -0.5}), "2.250000 -0.500000 "},
+        {IMetadata::IEntry(), ""},
         {entry<MPoint>({{1, 2}, {3, 4}}), "(1, 2) (3, 4) "},
         {entry<MSize>({{640, 480}}), "(640, 480) "},
         {entry<MRect>({{1, 2, 3, 4}, {-1, 0, 0, 9}}), "(1, 2, 3, 4) (-1, 0, 0, 9) "},
@@ -60,10 +64,14 @@ TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
 
 // appendMFNR adds its hint for a still capture (intent 1) only; any tuning hint but -1 replaces.
 TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
-    const struct { const char *mfnr, *tuning; int intent; const char *hint, *tuned; } cases[] = {
-        {"", "", 1, "", "7 8 9 "}, {"1", "", 1, "1 ", "7 8 9 "}, {"7", "", 1, "1 ", "7 8 9 "},
-        {"1", "", 2, "", "7 8 9 "}, {"1", "", -1, "", "7 8 9 "}, {"0", "", 1, "", "7 8 9 "},
-        {"", "-1", 1, "", "7 8 9 "}, {"", "-2", 1, "", "-2 "}, {"1", "0", -1, "", "0 "}};
+    const struct {
+        const char *mfnr, *tuning;
+        int intent;
+        const char *hint, *tuned;
+    } cases[] = {
+        {"", "", 1, "", "7 8 9 "},   {"1", "", 1, "1 ", "7 8 9 "}, {"7", "", 1, "1 ", "7 8 9 "},
+        {"1", "", 2, "", "7 8 9 "},  {"1", "", -1, "", "7 8 9 "},  {"0", "", 1, "", "7 8 9 "},
+        {"", "-1", 1, "", "7 8 9 "}, {"", "-2", 1, "", "-2 "},     {"1", "0", -1, "", "0 "}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.mfnr) + "/" + c.tuning + "/" + std::to_string(c.intent));
         android::base::SetProperty(kPropMfnr, c.mfnr);
@@ -81,8 +89,10 @@ TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::EAppendStage(2), &c, &r, &h), -1);
     u->destroy();
-    EXPECT_EQ(log.textsAt(2), (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
-        "[3::appendCustomerMeta] Unknown append stage", "[3::destroy] Not Implement"}));
+    EXPECT_EQ(log.textsAt(2),
+              (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
+                                        "[3::appendCustomerMeta] Unknown append stage",
+                                        "[3::destroy] Not Implement"}));
     EXPECT_TRUE(c.isEmpty() && r.isEmpty() && h.isEmpty());
 }
 
@@ -101,11 +111,14 @@ TEST_F(UpdaterTest, DerivedDeviceHookIsMergedAndLogged) {
     IMetadata::setEntry<int32_t>(&control, 1, 7);
     IMetadata::setEntry<uint8_t>(&control, kIntent, 1);
     EXPECT_EQ(DeviceHook({4}).appendCustomerMeta(kDevice, &control, nullptr, nullptr), 0);
-    EXPECT_EQ(log.textsAt(5), (std::vector<std::string>{"[4::appendCustomerMeta] + 0",
-        "[4::appendCustomerMeta] appendAppControlMeta count=2", "[4::dumpMeta] 0x1 => 42 ",
-        "[4::dumpMeta] 0x2 => 5 ", "[4::appendCustomerMeta] appControlMeta count=3",
-        "[4::dumpMeta] 0x1 => 42 ", "[4::dumpMeta] 0x1000d => 1 ", "[4::dumpMeta] 0x2 => 5 ",
-        "[4::appendCustomerMeta] -", "[4::~MetadataUpdater] dtor"}));
+    EXPECT_EQ(
+        log.textsAt(5),
+        (std::vector<std::string>{
+            "[4::appendCustomerMeta] + 0", "[4::appendCustomerMeta] appendAppControlMeta count=2",
+            "[4::dumpMeta] 0x1 => 42 ", "[4::dumpMeta] 0x2 => 5 ",
+            "[4::appendCustomerMeta] appControlMeta count=3", "[4::dumpMeta] 0x1 => 42 ",
+            "[4::dumpMeta] 0x1000d => 1 ", "[4::dumpMeta] 0x2 => 5 ", "[4::appendCustomerMeta] -",
+            "[4::~MetadataUpdater] dtor"}));
 }
 
 }  // namespace

@@ -17,11 +17,11 @@
 // The updater's lines carry "[name::function] " instead of the container's "func(line):",
 // so that the lines of several cameras can be told apart. Both test the logger's level and
 // mask before anything (including the arguments) is evaluated.
-#define UPD_LOGD(fmt, ...)                                                                   \
-    do {                                                                                     \
-        if (::NSCam::diag::debugOn(LOG_MODULE))                                              \
-            ::NSCam::diag::debug(META_LOG_SITE_, "[%s::%s] " fmt, mName.c_str(), __func__,   \
-                                 ##__VA_ARGS__);                                             \
+#define UPD_LOGD(fmt, ...)                                                                 \
+    do {                                                                                   \
+        if (::NSCam::diag::debugOn(LOG_MODULE))                                            \
+            ::NSCam::diag::debug(META_LOG_SITE_, "[%s::%s] " fmt, mName.c_str(), __func__, \
+                                 ##__VA_ARGS__);                                           \
     } while (0)
 #define UPD_LOGW(fmt, ...)                                                                   \
     do {                                                                                     \
@@ -54,11 +54,21 @@ std::string itemsToString(const IMetadata::IEntry& entry, uint32_t count,
     return out;
 }
 
-std::string byteText(const uint8_t& v) { return std::to_string(static_cast<int>(v)) + " "; }
-std::string intText(const int32_t& v) { return std::to_string(static_cast<int>(v)) + " "; }
-std::string floatText(const float& v) { return std::to_string(v) + " "; }
-std::string int64Text(const int64_t& v) { return std::to_string(static_cast<long>(v)) + " "; }
-std::string doubleText(const double& v) { return std::to_string(v) + " "; }
+std::string byteText(const uint8_t& v) {
+    return std::to_string(static_cast<int>(v)) + " ";
+}
+std::string intText(const int32_t& v) {
+    return std::to_string(static_cast<int>(v)) + " ";
+}
+std::string floatText(const float& v) {
+    return std::to_string(v) + " ";
+}
+std::string int64Text(const int64_t& v) {
+    return std::to_string(static_cast<long>(v)) + " ";
+}
+std::string doubleText(const double& v) {
+    return std::to_string(v) + " ";
+}
 std::string rationalText(const MRational& v) {
     return "[" + std::to_string(v.numerator) + " / " + std::to_string(v.denominator) + "] ";
 }
@@ -85,7 +95,9 @@ MetadataUpdater::MetadataUpdater(const StaticInfo& info)
       // Read once: the level of an updater does not change while it serves a camera.
       mDebugLevel(Utils::Properties::property_get_int32(kPropDebugLevel, 0)) {}
 
-MetadataUpdater::~MetadataUpdater() { UPD_LOGD("dtor"); }
+MetadataUpdater::~MetadataUpdater() {
+    UPD_LOGD("dtor");
+}
 
 int MetadataUpdater::appendCustomerMeta(const EAppendStage& stage, IMetadata* appControlMeta,
                                         IMetadata* appResultMeta, IMetadata* halMeta) {
@@ -102,9 +114,8 @@ int MetadataUpdater::appendCustomerMeta(const EAppendStage& stage, IMetadata* ap
             appendMetaAtDevice(appControlMeta, appendAppControlMeta.get());
             break;
         case APPEND_AT_PIPELINE:
-            appendMetaAtPipeline(appControlMeta, appResultMeta, halMeta,
-                                 appendAppControlMeta.get(), appendAppResultMeta.get(),
-                                 appendHalMeta.get());
+            appendMetaAtPipeline(appControlMeta, appResultMeta, halMeta, appendAppControlMeta.get(),
+                                 appendAppResultMeta.get(), appendHalMeta.get());
             break;
         default:
             UPD_LOGW("Unknown append stage");
@@ -141,7 +152,9 @@ int MetadataUpdater::appendCustomerMeta(const EAppendStage& stage, IMetadata* ap
     return 0;
 }
 
-void MetadataUpdater::destroy() { UPD_LOGW("Not Implement"); }
+void MetadataUpdater::destroy() {
+    UPD_LOGW("Not Implement");
+}
 
 int MetadataUpdater::appendMetaAtDevice(const IMetadata* appControlMeta,
                                         IMetadata* appendAppControlMeta) {
@@ -177,15 +190,24 @@ int MetadataUpdater::appendMetaAtPipeline(const IMetadata* /*appControlMeta*/,
 std::string MetadataUpdater::getValueString(IMetadata::IEntry entry) {
     const uint32_t count = entry.count();
     switch (entry.type()) {
-        case TYPE_UINT8: return itemsToString<uint8_t>(entry, count, byteText);
-        case TYPE_INT32: return itemsToString<int32_t>(entry, count, intText);
-        case TYPE_FLOAT: return itemsToString<float>(entry, count, floatText);
-        case TYPE_INT64: return itemsToString<int64_t>(entry, count, int64Text);
-        case TYPE_DOUBLE: return itemsToString<double>(entry, count, doubleText);
-        case TYPE_MRational: return itemsToString<MRational>(entry, count, rationalText);
-        case TYPE_MPoint: return itemsToString<MPoint>(entry, count, pointText);
-        case TYPE_MSize: return itemsToString<MSize>(entry, count, sizeText);
-        case TYPE_MRect: return itemsToString<MRect>(entry, count, rectText);
+        case TYPE_UINT8:
+            return itemsToString<uint8_t>(entry, count, byteText);
+        case TYPE_INT32:
+            return itemsToString<int32_t>(entry, count, intText);
+        case TYPE_FLOAT:
+            return itemsToString<float>(entry, count, floatText);
+        case TYPE_INT64:
+            return itemsToString<int64_t>(entry, count, int64Text);
+        case TYPE_DOUBLE:
+            return itemsToString<double>(entry, count, doubleText);
+        case TYPE_MRational:
+            return itemsToString<MRational>(entry, count, rationalText);
+        case TYPE_MPoint:
+            return itemsToString<MPoint>(entry, count, pointText);
+        case TYPE_MSize:
+            return itemsToString<MSize>(entry, count, sizeText);
+        case TYPE_MRect:
+            return itemsToString<MRect>(entry, count, rectText);
         default:
             // Blobs, nested containers and entries without a type have no text.
             return std::string();

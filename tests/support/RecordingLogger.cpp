@@ -34,10 +34,10 @@ std::vector<std::string> RecordingLogger::take() {
     static const std::regex site("^([\\w~+=]+)\\(\\d+\\):");
     std::vector<std::string> out;
     for (const std::string& t : texts())
-        out.push_back(t.rfind("Callstack:", 0) == 0
-                          ? "Callstack:"
-                          : std::regex_replace(t, site, "$1:",
-                                               std::regex_constants::format_first_only));
+        out.push_back(
+            t.rfind("Callstack:", 0) == 0
+                ? "Callstack:"
+                : std::regex_replace(t, site, "$1:", std::regex_constants::format_first_only));
     reset();
     return out;
 }

@@ -39,8 +39,7 @@ public:
     virtual int appendMetaAtPipeline(const IMetadata* appControlMeta,
                                      const IMetadata* appResultMeta, const IMetadata* halMeta,
                                      IMetadata* appendAppControlMeta,
-                                     IMetadata* appendAppResultMeta,
-                                     IMetadata* appendHalMeta) = 0;
+                                     IMetadata* appendAppResultMeta, IMetadata* appendHalMeta) = 0;
 };
 
 class MetadataUpdater : public IMetadataUpdater {

@@ -22,7 +22,9 @@ static_assert(sizeof(MRect) <= Content::kInlineSize, "the inline slot holds any 
 
 namespace {
 
-inline void countUp() { Content::mStatNum.fetch_add(1, std::memory_order_relaxed); }
+inline void countUp() {
+    Content::mStatNum.fetch_add(1, std::memory_order_relaxed);
+}
 
 // Nesting depth of the record being decoded on this thread (a nested container's record
 // holds a storage block, which holds records again).
@@ -191,16 +193,16 @@ bool Content::update(int index, const void* data, size_t size, int type) {
 }
 
 // The readers' common refusals, logged under each reader's own name.
-#define CHECK_ELEMENT_OR_RETURN(index, type, refusal)                                      \
-    do {                                                                                   \
-        if ((index) < 0 || (index) >= mCount) {                                            \
-            META_LOGE("index (%d) out of range (%d)", (index), mCount);                    \
-            return refusal;                                                                \
-        }                                                                                  \
-        if (mType != (type)) {                                                             \
-            META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", (type), mType);     \
-            return refusal;                                                                \
-        }                                                                                  \
+#define CHECK_ELEMENT_OR_RETURN(index, type, refusal)                                  \
+    do {                                                                               \
+        if ((index) < 0 || (index) >= mCount) {                                        \
+            META_LOGE("index (%d) out of range (%d)", (index), mCount);                \
+            return refusal;                                                            \
+        }                                                                              \
+        if (mType != (type)) {                                                         \
+            META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", (type), mType); \
+            return refusal;                                                            \
+        }                                                                              \
     } while (0)
 
 const void* Content::getBasicData(int index, int type) const {
@@ -310,8 +312,8 @@ long Content::flatten(void* buf, size_t capacity, size_t writable) const {
                 // The nested block gets whatever capacity is left behind its length field,
                 // even when that is already exhausted: the whole record is judged at the end.
                 const flat::Writer nested = w.sub(w.pos + 4);
-                const long written = storage->flatten(nested.base, nested.capacity,
-                                                      nested.writable, nullptr, -1);
+                const long written =
+                    storage->flatten(nested.base, nested.capacity, nested.writable, nullptr, -1);
                 if (written < 0) {
                     META_LOGE("flatten meta %p error", storage.get());
                     return -1;
@@ -342,7 +344,7 @@ long Content::unflatten(const void* buf, size_t size) {
     flat::Reader r(buf, size);
     // Lengths are checked before they are used: a record that claims more than the buffer
     // holds is refused before anything is allocated for it.
-#define OUT_OF_BUFFER(needed)                                                   \
+#define OUT_OF_BUFFER(needed) \
     (META_LOGE("out of buffer %p, %p", r.at(r.pos + (needed)), r.end()), -1L)
     if (!r.has(4)) return OUT_OF_BUFFER(kHeaderSize);
     const uint32_t pattern = r.u32();

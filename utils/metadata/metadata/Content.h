@@ -73,17 +73,23 @@ private:
 // The type code of each stored element type, for the typed families.
 template <typename T>
 struct TypeCodeOf;
-template <> struct TypeCodeOf<unsigned char> { static constexpr int32_t value = TYPE_UINT8; };
-template <> struct TypeCodeOf<int> { static constexpr int32_t value = TYPE_INT32; };
-template <> struct TypeCodeOf<float> { static constexpr int32_t value = TYPE_FLOAT; };
-template <> struct TypeCodeOf<long> { static constexpr int32_t value = TYPE_INT64; };
-template <> struct TypeCodeOf<double> { static constexpr int32_t value = TYPE_DOUBLE; };
-template <> struct TypeCodeOf<MRational> { static constexpr int32_t value = TYPE_MRational; };
-template <> struct TypeCodeOf<MPoint> { static constexpr int32_t value = TYPE_MPoint; };
-template <> struct TypeCodeOf<MSize> { static constexpr int32_t value = TYPE_MSize; };
-template <> struct TypeCodeOf<MRect> { static constexpr int32_t value = TYPE_MRect; };
-template <> struct TypeCodeOf<IMetadata> { static constexpr int32_t value = TYPE_IMetadata; };
-template <> struct TypeCodeOf<IMetadata::Memory> { static constexpr int32_t value = TYPE_Memory; };
+#define ZORCAM_TYPE_CODE(T, code)              \
+    template <>                                \
+    struct TypeCodeOf<T> {                     \
+        static constexpr int32_t value = code; \
+    };
+ZORCAM_TYPE_CODE(unsigned char, TYPE_UINT8)
+ZORCAM_TYPE_CODE(int, TYPE_INT32)
+ZORCAM_TYPE_CODE(float, TYPE_FLOAT)
+ZORCAM_TYPE_CODE(long, TYPE_INT64)
+ZORCAM_TYPE_CODE(double, TYPE_DOUBLE)
+ZORCAM_TYPE_CODE(MRational, TYPE_MRational)
+ZORCAM_TYPE_CODE(MPoint, TYPE_MPoint)
+ZORCAM_TYPE_CODE(MSize, TYPE_MSize)
+ZORCAM_TYPE_CODE(MRect, TYPE_MRect)
+ZORCAM_TYPE_CODE(IMetadata, TYPE_IMetadata)
+ZORCAM_TYPE_CODE(IMetadata::Memory, TYPE_Memory)
+#undef ZORCAM_TYPE_CODE
 
 // Applies a macro to each of the eleven stored element types.
 #define ZORCAM_FOR_EACH_VALUE_TYPE(X) \

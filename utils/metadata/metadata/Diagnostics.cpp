@@ -44,8 +44,12 @@ std::string vformat(const char* fmt, va_list ap) {
     return out;
 }
 
-bool toAndroid() { return (ULogger::sMode & kModeAndroid) != 0; }
-bool toULog() { return (ULogger::sMode & kModeULog) != 0; }
+bool toAndroid() {
+    return (ULogger::sMode & kModeAndroid) != 0;
+}
+bool toULog() {
+    return (ULogger::sMode & kModeULog) != 0;
+}
 
 // One line to each sink the mode selects. Error lines on the Android log are located: the
 // plain text followed by " (func){#line:file}".
@@ -146,8 +150,8 @@ void fatal(const Site& site, bool flushFirst, const char* fmt, ...) {
     }
     const std::string text = vformat(fmt, ap);
     va_end(ap);
-    __android_log_assert(nullptr, site.tag, "%s (%s){#%d:%s}", text.c_str(), site.func,
-                         site.line, site.file);
+    __android_log_assert(nullptr, site.tag, "%s (%s){#%d:%s}", text.c_str(), site.func, site.line,
+                         site.file);
     std::abort();  // not reached: the assert ends the process
 }
 

@@ -40,10 +40,16 @@ enum : uint32_t { kModeAndroid = 0x1, kModeULog = 0x0A };
 inline bool moduleOn(const Module& m) {
     return (ULogger::sNormalDetailsMask & m.detailsBits) == m.detailsBits;
 }
-inline bool debugOn(const Module& m) { return ULogger::sDetailsLevel >= 5 && moduleOn(m); }
-inline bool warningOn() { return ULogger::sDetailsLevel >= 2; }
+inline bool debugOn(const Module& m) {
+    return ULogger::sDetailsLevel >= 5 && moduleOn(m);
+}
+inline bool warningOn() {
+    return ULogger::sDetailsLevel >= 2;
+}
 // Sites that log an error with the call stack stay silent at details level 0.
-inline bool callStackOn() { return ULogger::sDetailsLevel != 0; }
+inline bool callStackOn() {
+    return ULogger::sDetailsLevel != 0;
+}
 
 void debug(const Site& site, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void warning(const Site& site, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -68,40 +74,41 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
 }  // namespace diag
 }  // namespace NSCam
 
-#define META_LOG_SITE_ \
-    ::NSCam::diag::Site { LOG_TAG, LOG_MODULE, __func__, __LINE__, __FILE__ }
+#define META_LOG_SITE_                                    \
+    ::NSCam::diag::Site {                                 \
+        LOG_TAG, LOG_MODULE, __func__, __LINE__, __FILE__ \
+    }
 
-#define META_LOGD(fmt, ...)                                                                    \
-    do {                                                                                       \
-        if (::NSCam::diag::debugOn(LOG_MODULE))                                                \
-            ::NSCam::diag::debug(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__,            \
-                                 ##__VA_ARGS__);                                               \
+#define META_LOGD(fmt, ...)                                                         \
+    do {                                                                            \
+        if (::NSCam::diag::debugOn(LOG_MODULE))                                     \
+            ::NSCam::diag::debug(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__, \
+                                 ##__VA_ARGS__);                                    \
     } while (0)
-#define META_LOGW(fmt, ...)                                                                    \
-    do {                                                                                       \
-        if (::NSCam::diag::warningOn())                                                        \
-            ::NSCam::diag::warning(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__,          \
-                                   ##__VA_ARGS__);                                             \
+#define META_LOGW(fmt, ...)                                                           \
+    do {                                                                              \
+        if (::NSCam::diag::warningOn())                                               \
+            ::NSCam::diag::warning(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__, \
+                                   ##__VA_ARGS__);                                    \
     } while (0)
 #define META_LOGE(fmt, ...) \
     ::NSCam::diag::error(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__, ##__VA_ARGS__)
 // Error plus call stack; silent at details level 0 (the caller still refuses).
-#define META_LOGE_CALLSTACK(fmt, ...)                                                          \
-    do {                                                                                       \
-        if (::NSCam::diag::callStackOn())                                                      \
-            ::NSCam::diag::errorWithCallStack(META_LOG_SITE_, "%s(%d):" fmt, __func__,         \
-                                              __LINE__, ##__VA_ARGS__);                        \
+#define META_LOGE_CALLSTACK(fmt, ...)                                                            \
+    do {                                                                                         \
+        if (::NSCam::diag::callStackOn())                                                        \
+            ::NSCam::diag::errorWithCallStack(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__, \
+                                              ##__VA_ARGS__);                                    \
     } while (0)
 // An error that, at details level 6, is repeated with the call stack to the unified logger.
 // Both expansions sit on one source line, so the repeated line reads the same.
-#define META_LOGE_TRACE(fmt, ...)                                                              \
-    do {                                                                                       \
-        META_LOGE(fmt, ##__VA_ARGS__);                                                         \
-        ::NSCam::diag::traceCallStack(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__,       \
-                                      ##__VA_ARGS__);                                          \
+#define META_LOGE_TRACE(fmt, ...)                                                        \
+    do {                                                                                 \
+        META_LOGE(fmt, ##__VA_ARGS__);                                                   \
+        ::NSCam::diag::traceCallStack(META_LOG_SITE_, "%s(%d):" fmt, __func__, __LINE__, \
+                                      ##__VA_ARGS__);                                    \
     } while (0)
-#define META_FATAL(fmt, ...)                                                                   \
-    ::NSCam::diag::fatal(META_LOG_SITE_, false, "%s(%d):" fmt, __func__, __LINE__,             \
-                         ##__VA_ARGS__)
-#define META_FATAL_FLUSH(fmt, ...)                                                             \
+#define META_FATAL(fmt, ...) \
+    ::NSCam::diag::fatal(META_LOG_SITE_, false, "%s(%d):" fmt, __func__, __LINE__, ##__VA_ARGS__)
+#define META_FATAL_FLUSH(fmt, ...) \
     ::NSCam::diag::fatal(META_LOG_SITE_, true, "%s(%d):" fmt, __func__, __LINE__, ##__VA_ARGS__)

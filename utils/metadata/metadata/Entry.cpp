@@ -61,7 +61,9 @@ IEntry& IEntry::operator=(const IEntry& other) {
 
 IEntry::~IEntry() = default;
 
-uint32_t IEntry::tag() const { return mTag.load(std::memory_order_relaxed); }
+uint32_t IEntry::tag() const {
+    return mTag.load(std::memory_order_relaxed);
+}
 
 int32_t IEntry::type() const {
     std::lock_guard<std::mutex> guard(mLock);
@@ -131,7 +133,9 @@ bool IEntry::_ContentUpdate(int32_t index, const void* data, size_t count, int32
     return mContentPtr->update(index, data, count, type);
 }
 
-void IEntry::noteFailure() const { IMetadata::lowerErrorTypeTag(tag()); }
+void IEntry::noteFailure() const {
+    IMetadata::lowerErrorTypeTag(tag());
+}
 
 //----------------------------------------------------------------------------------------
 // Typed families: one body each; the members differ only in type and type code.
@@ -275,12 +279,12 @@ int32_t IEntry::indexOf(IEntry& entry, const T& item) {
     return -1;
 }
 
-#define ZORCAM_ENTRY_FAMILIES(T)                                                            \
-    template void IEntry::push_back<T, T>(const T&, Type2Type<T>);                          \
-    template void IEntry::push_back<T, T>(const T*, size_t, Type2Type<T>);                  \
-    template void IEntry::replaceItemAt<T, T>(uint32_t, const T&, Type2Type<T>);            \
-    template void IEntry::replaceItemAt<T, T>(uint32_t, const T*, size_t, Type2Type<T>);    \
-    template T IEntry::itemAt<T>(uint32_t, Type2Type<T>) const;                             \
+#define ZORCAM_ENTRY_FAMILIES(T)                                                         \
+    template void IEntry::push_back<T, T>(const T&, Type2Type<T>);                       \
+    template void IEntry::push_back<T, T>(const T*, size_t, Type2Type<T>);               \
+    template void IEntry::replaceItemAt<T, T>(uint32_t, const T&, Type2Type<T>);         \
+    template void IEntry::replaceItemAt<T, T>(uint32_t, const T*, size_t, Type2Type<T>); \
+    template T IEntry::itemAt<T>(uint32_t, Type2Type<T>) const;                          \
     template int32_t IEntry::itemAt<T>(uint32_t, T*, size_t, Type2Type<T>) const;
 ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_ENTRY_FAMILIES)
 #undef ZORCAM_ENTRY_FAMILIES

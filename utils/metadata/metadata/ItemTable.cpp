@@ -37,7 +37,9 @@ int ItemTable::BufferQueue::lock(int preferred) {
     return half;
 }
 
-void ItemTable::BufferQueue::unlock(int half) { mLocks[half].store(0, std::memory_order_seq_cst); }
+void ItemTable::BufferQueue::unlock(int half) {
+    mLocks[half].store(0, std::memory_order_seq_cst);
+}
 
 ItemTable::ItemTable() : mSlots(nullptr) {
     BufferQueue& q = sBufferQueue;
@@ -114,7 +116,9 @@ bool ItemTable::update(uint32_t tag, const std::shared_ptr<Content>& content) {
     return true;
 }
 
-bool ItemTable::update(const Item& item) { return update(item.tag, item.content); }
+bool ItemTable::update(const Item& item) {
+    return update(item.tag, item.content);
+}
 
 bool ItemTable::remove(uint32_t tag) {
     const uint16_t row = getIndexByTag(tag);

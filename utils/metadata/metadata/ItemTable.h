@@ -18,11 +18,11 @@ constexpr uint32_t kSectionEntries = 358;
 
 // First section-table entry of each group. Groups 1 to 8 share one base on purpose, and so
 // share their slots (0x10010000 and 0x80010000 address one row); so do 10-12 and 13-15.
-constexpr uint32_t kGroupBase[16] = {0,  36, 36, 36, 36, 36, 36, 36,
+constexpr uint32_t kGroupBase[16] = {0,  36, 36,  36,  36,  36,  36,  36,
                                      36, 68, 329, 329, 329, 350, 350, 350};
 // Sections that exist in each group's range of the section table.
-constexpr uint32_t kGroupSections[16] = {36, 32, 32, 32, 32, 32, 32, 32,
-                                         32, 261, 21, 21, 21, 8, 8, 8};
+constexpr uint32_t kGroupSections[16] = {36, 32,  32, 32, 32, 32, 32, 32,
+                                         32, 261, 21, 21, 21, 8,  8,  8};
 
 struct SectionTable {
     uint32_t start[kSectionEntries];  // first slot, kNone when the section does not exist
@@ -32,8 +32,8 @@ struct SectionTable {
 constexpr SectionTable makeSectionTable() {
     SectionTable t{};
     for (uint32_t i = 0; i < kSectionEntries; ++i) t.start[i] = kNone;
-    constexpr uint32_t group0[36] = {0,   5,   64,  65,  68,  74,  78,  80,  90,  106, 114, 117,
-                                     122, 144, 183, 217, 240, 243, 268, 277, 285, 287, 291, 292,
+    constexpr uint32_t group0[36] = {0,   5,   64,  65,  68,  74,  78,  80,  90,    106, 114, 117,
+                                     122, 144, 183, 217, 240, 243, 268, 277, 285,   287, 291, 292,
                                      294, 296, 311, 314, 316, 322, 324, 325, kNone, 326, 463, 174};
     constexpr uint32_t group1to8[32] = {332, 356, 395, 358, 405, 413, 415, 374, 379, 467, 488,
                                         505, 551, 554, 559, 567, 579, 580, 583, 588, 573, 598,

@@ -29,7 +29,9 @@ BufferSP newBuffer(size_t size, size_t capacity) {
 
 // True when another owner can see the vector. The count is read without a lock: it is atomic,
 // and once it reads 1 no other thread can gain a reference through this handle's vector.
-bool isShared(const BufferSP& buffer) { return buffer.use_count() > 1; }
+bool isShared(const BufferSP& buffer) {
+    return buffer.use_count() > 1;
+}
 
 }  // namespace
 
@@ -143,7 +145,9 @@ Memory::Memory(const Memory& other) : mData(other.mData) {}
 // Shares instead of stealing: code that moved a blob into an entry may still read it.
 Memory::Memory(Memory&& other) : mData(other.mData) {}
 
-Memory::~Memory() { release(); }
+Memory::~Memory() {
+    release();
+}
 
 void Memory::release() {
     sAllocator.recycle(std::move(mData));
@@ -172,9 +176,13 @@ bool Memory::operator==(const Memory& other) const {
     return std::memcmp(mData->data(), other.mData->data(), theirs) == 0;
 }
 
-BufferSP Memory::getDataSP() const { return mData; }
+BufferSP Memory::getDataSP() const {
+    return mData;
+}
 
-size_t Memory::size() const { return mData ? mData->size() : 0; }
+size_t Memory::size() const {
+    return mData ? mData->size() : 0;
+}
 
 template <bool kZeroNewBytes>
 void Memory::resizeImpl(size_t size) {
@@ -199,9 +207,13 @@ void Memory::resizeImpl(size_t size) {
     sAllocator.recycle(std::move(fresh));
 }
 
-void Memory::resize(size_t size) { resizeImpl<true>(size); }
+void Memory::resize(size_t size) {
+    resizeImpl<true>(size);
+}
 
-void Memory::fastResize(size_t size) { resizeImpl<false>(size); }
+void Memory::fastResize(size_t size) {
+    resizeImpl<false>(size);
+}
 
 size_t Memory::append(const Memory& other) {
     // Hold other's vector first: appending a blob to itself must see its bytes unchanged
@@ -227,14 +239,18 @@ size_t Memory::append(const Memory& other) {
     return total;
 }
 
-size_t Memory::appendVector(const Memory& other) { return append(other); }
+size_t Memory::appendVector(const Memory& other) {
+    return append(other);
+}
 
 const uint8_t* Memory::array(size_t& size) const {
     size = this->size();
     return mData ? mData->data() : nullptr;
 }
 
-const uint8_t* Memory::array() const { return mData ? mData->data() : nullptr; }
+const uint8_t* Memory::array() const {
+    return mData ? mData->data() : nullptr;
+}
 
 uint8_t* Memory::editArray(size_t& size) {
     uint8_t* bytes = editArray();
@@ -259,6 +275,8 @@ uint8_t Memory::itemAt(size_t index) const {
     return (*mData)[index];
 }
 
-void Memory::clear() { release(); }
+void Memory::clear() {
+    release();
+}
 
 }  // namespace NSCam

@@ -166,7 +166,7 @@ long Storage::unflatten(const void* buf, size_t size) {
     }
     const flat::DecodeScope scope;
     flat::Reader r(buf, size);
-#define UNFLATTEN_OVERFLOW(needed)                                                           \
+#define UNFLATTEN_OVERFLOW(needed) \
     (META_LOGE("unflatten buffer overflow!!!!!! %p %p", r.at(r.pos + (needed)), r.end()), -1L)
     if (!r.has(4)) return UNFLATTEN_OVERFLOW(kStorageHeader);
     const uint32_t magic = r.u32();
@@ -290,14 +290,14 @@ void Storage::writeEntries(uint32_t tag, const T* values, size_t count, uint32_t
     mItemTable.update(tag, content);
 }
 
-#define ZORCAM_STORAGE_FAMILIES(T)                                                         \
-    template int Storage::readEntry<T>(uint32_t, T&, uint32_t) const;                      \
-    template T Storage::read<T>(uint32_t, Type2Type<T>, std::shared_ptr<Content>&) const;  \
-    template int Storage::readEntries<T>(uint32_t, std::vector<T>&) const;                 \
-    template void Storage::writeEntry<T>(uint32_t, const T&, uint32_t);                    \
+#define ZORCAM_STORAGE_FAMILIES(T)                                                            \
+    template int Storage::readEntry<T>(uint32_t, T&, uint32_t) const;                         \
+    template T Storage::read<T>(uint32_t, Type2Type<T>, std::shared_ptr<Content>&) const;     \
+    template int Storage::readEntries<T>(uint32_t, std::vector<T>&) const;                    \
+    template void Storage::writeEntry<T>(uint32_t, const T&, uint32_t);                       \
     template std::shared_ptr<Content> Storage::write<T, T>(const T&, Type2Type<T>, uint32_t); \
-    template std::shared_ptr<Content> Storage::write<T, T>(const T*, size_t, Type2Type<T>, \
-                                                           uint32_t);                      \
+    template std::shared_ptr<Content> Storage::write<T, T>(const T*, size_t, Type2Type<T>,    \
+                                                           uint32_t);                         \
     template void Storage::writeEntries<T>(uint32_t, const T*, size_t, uint32_t);
 ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_STORAGE_FAMILIES)
 #undef ZORCAM_STORAGE_FAMILIES
@@ -307,12 +307,13 @@ ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_STORAGE_FAMILIES)
 
 // A destroyed container is never used again; every checked operation ends the process when
 // it meets one, naming itself.
-#define CHECK_VALID()                                                                        \
-    do {                                                                                     \
-        if (__builtin_expect(mValidNum == 0, 0))                                             \
-            META_FATAL_FLUSH("this %p object already be free! mValidNum invalid(%x) "        \
-                             "mValidNumBackup(%x)",                                          \
-                             static_cast<const void*>(this), mValidNum, mValidNumBackup);    \
+#define CHECK_VALID()                                                        \
+    do {                                                                     \
+        if (__builtin_expect(mValidNum == 0, 0))                             \
+            META_FATAL_FLUSH(                                                \
+                "this %p object already be free! mValidNum invalid(%x) "     \
+                "mValidNumBackup(%x)",                                       \
+                static_cast<const void*>(this), mValidNum, mValidNumBackup); \
     } while (0)
 
 void IMetadata::assignValidNumber() {
@@ -321,25 +322,39 @@ void IMetadata::assignValidNumber() {
 }
 
 IMetadata::IMetadata()
-    : mHeadMarker(kHeadMarker), mValidNum(0), mValidNumBackup(0), mLockMarker(kLockMarker),
+    : mHeadMarker(kHeadMarker),
+      mValidNum(0),
+      mValidNumBackup(0),
+      mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
     assignValidNumber();
 }
 
 IMetadata::IMetadata(const IMetadata& other)
-    : mHeadMarker(kHeadMarker), mValidNum(0), mValidNumBackup(0),
-      mStorage(other.getStorageSP()), mLockMarker(kLockMarker), mTailMarker(kTailMarker) {
+    : mHeadMarker(kHeadMarker),
+      mValidNum(0),
+      mValidNumBackup(0),
+      mStorage(other.getStorageSP()),
+      mLockMarker(kLockMarker),
+      mTailMarker(kTailMarker) {
     assignValidNumber();
 }
 
 IMetadata::IMetadata(const std::shared_ptr<Storage>& storage)
-    : mHeadMarker(kHeadMarker), mValidNum(0), mValidNumBackup(0), mStorage(storage),
-      mLockMarker(kLockMarker), mTailMarker(kTailMarker) {
+    : mHeadMarker(kHeadMarker),
+      mValidNum(0),
+      mValidNumBackup(0),
+      mStorage(storage),
+      mLockMarker(kLockMarker),
+      mTailMarker(kTailMarker) {
     assignValidNumber();
 }
 
 IMetadata::IMetadata(const void* buf, size_t size)
-    : mHeadMarker(kHeadMarker), mValidNum(0), mValidNumBackup(0), mLockMarker(kLockMarker),
+    : mHeadMarker(kHeadMarker),
+      mValidNum(0),
+      mValidNumBackup(0),
+      mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
     auto storage = std::make_shared<Storage>();
     if (storage->unflatten(buf, size) < 0)
@@ -413,7 +428,9 @@ int IMetadata::remove(uint32_t tag) {
     return mStorage->mItemTable.remove(tag) ? 0 : -1;
 }
 
-int IMetadata::sort() { return 0; }
+int IMetadata::sort() {
+    return 0;
+}
 
 int IMetadata::update(uint32_t tag, const IEntry& entry) {
     // The entry is read once, under its own lock, before the container's is taken (the two
@@ -468,7 +485,9 @@ IEntry IMetadata::entryFor(uint32_t tag, int take) const {
     return IEntry(kNoTag);
 }
 
-IEntry IMetadata::takeEntryFor(uint32_t tag) { return entryFor(tag, 1); }
+IEntry IMetadata::takeEntryFor(uint32_t tag) {
+    return entryFor(tag, 1);
+}
 
 IEntry IMetadata::entryAt(uint32_t index) const {
     std::lock_guard<std::mutex> guard(mLock);
@@ -522,10 +541,11 @@ long IMetadata::unflatten(void* buf, size_t size) {
 IMetadata& IMetadata::operator=(const IMetadata& other) {
     if (this == &other) return *this;
     if (mValidNum == 0 || other.mValidNum == 0)
-        META_FATAL("this(%p) or other(%p) already be free! mValidNum invalid(%x) "
-                   "mValidNumBackup(%x) other.mValidNum(%x) other.mValidNumBackup(%x)",
-                   static_cast<void*>(this), static_cast<const void*>(&other), mValidNum,
-                   mValidNumBackup, other.mValidNum, other.mValidNumBackup);
+        META_FATAL(
+            "this(%p) or other(%p) already be free! mValidNum invalid(%x) "
+            "mValidNumBackup(%x) other.mValidNum(%x) other.mValidNumBackup(%x)",
+            static_cast<void*>(this), static_cast<const void*>(&other), mValidNum, mValidNumBackup,
+            other.mValidNum, other.mValidNumBackup);
     // The source's storage is taken before this container is locked, so two threads
     // assigning two containers to each other cannot deadlock.
     std::shared_ptr<Storage> storage = other.getStorageSP();
@@ -618,8 +638,7 @@ void IMetadata::dump(int layer, bool force) const {
                 for (uint32_t j = 0; j < count; ++j) line.appendf("%ld ", itemOf<long>(entry, j));
                 break;
             case TYPE_DOUBLE:
-                for (uint32_t j = 0; j < count; ++j)
-                    line.appendf("%lf ", itemOf<double>(entry, j));
+                for (uint32_t j = 0; j < count; ++j) line.appendf("%lf ", itemOf<double>(entry, j));
                 break;
             case TYPE_MRational:
                 for (uint32_t j = 0; j < count; ++j) {
@@ -661,7 +680,8 @@ void IMetadata::dump(int layer, bool force) const {
                     size_t size = 0;
                     const uint8_t* bytes = m.array(size);
                     if (bytes == nullptr || size == 0) continue;
-                    line.appendf("memory[%d] size %d:", static_cast<int>(j), static_cast<int>(size));
+                    line.appendf("memory[%d] size %d:", static_cast<int>(j),
+                                 static_cast<int>(size));
                     // A blob shows its first 64 bytes only: one line per entry, never wrapped.
                     for (size_t b = 0; b < std::min<size_t>(size, 64); ++b)
                         line.appendf("%02X ", bytes[b]);
@@ -696,7 +716,7 @@ bool IMetadata::getEntry(const IMetadata* metadata, uint32_t tag, T& value, size
     return true;
 }
 
-#define ZORCAM_METADATA_FAMILIES(T)                                       \
+#define ZORCAM_METADATA_FAMILIES(T)                                      \
     template int IMetadata::setEntry<T>(IMetadata*, uint32_t, const T&); \
     template bool IMetadata::getEntry<T>(const IMetadata*, uint32_t, T&, size_t);
 ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_METADATA_FAMILIES)
