@@ -121,4 +121,27 @@ TEST_F(UpdaterTest, DerivedDeviceHookIsMergedAndLogged) {
             "[4::~MetadataUpdater] dtor"}));
 }
 
+// A pipeline hook's additions reach the matching targets only: result to result, HAL to HAL.
+struct PipelineHook : MetadataUpdater {
+    using MetadataUpdater::MetadataUpdater;
+    int appendMetaAtPipeline(const IMetadata*, const IMetadata*, const IMetadata*, IMetadata*,
+                             IMetadata* result, IMetadata* hal) override {
+        return IMetadata::setEntry<int32_t>(result, 5, 1) + IMetadata::setEntry<int32_t>(hal, 6, 2);
+    }
+};
+
+TEST_F(UpdaterTest, DerivedPipelineHookIsMergedIntoResultAndHal) {
+    setLogging(0x2, 5, 0x101000);
+    IMetadata c, r, h;
+    EXPECT_EQ(
+        PipelineHook({5}).appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
+    EXPECT_TRUE(c.isEmpty() && r.entryFor(5).itemAt(0, Type2Type<int32_t>()) == 1 &&
+                h.entryFor(6).itemAt(0, Type2Type<int32_t>()) == 2 && r.count() + h.count() == 2);
+    EXPECT_EQ(log.textsAt(5),
+              (std::vector<std::string>{"[5::appendCustomerMeta] appendAppResultMeta count=1",
+                                        "[5::dumpMeta] 0x5 => 1 ",
+                                        "[5::appendCustomerMeta] appendHalMeta count=1",
+                                        "[5::dumpMeta] 0x6 => 2 ", "[5::~MetadataUpdater] dtor"}));
+}
+
 }  // namespace
