@@ -296,6 +296,9 @@ private:
     friend struct ::NSCam::MetadataInspector;
     // Under mLock: a storage that may be shared is replaced by a private clone first.
     void makeWritableLocked() const;
+    // Files `content` under `tag` under the lock: the one store behind both public updates
+    // (an overload, so that its log lines name "update" as callers grep for).
+    int update(uint32_t tag, const std::shared_ptr<Content>& content);
     void assignValidNumber();
     uint32_t lockedRowCount() const;
 

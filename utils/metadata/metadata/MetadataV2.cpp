@@ -441,21 +441,12 @@ int IMetadata::update(uint32_t tag, const IEntry& entry) {
     const uint32_t entryTag = snapshot.tag();
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    const std::shared_ptr<Content> content = snapshot.getContentSP();
-    std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
-    makeWritableLocked();
-    if (!mStorage->mItemTable.update(tag, content)) {
-        META_LOGE("table full (%zu rows), tag %x not stored", ItemTable::kMaxRows, tag);
-        return -1;
-    }
-    return 0;
+    return update(tag, snapshot.getContentSP());
 }
 
 int IMetadata::update(const IEntry& entry) {
-    // Tag and values are taken from one copy of the entry, so that a concurrent assignment
-    // cannot file one entry's values under another's tag; an entry refused for its tag is
-    // left exactly as it was (no copy marks its values shared).
+    // Tag and values are taken from one copy of the entry, as above; an entry refused for
+    // its tag is left exactly as it was (no copy marks its values shared).
     uint32_t tag = entry.tag();
     std::optional<IEntry> snapshot;
     if (tag != kNoTag) {
@@ -466,7 +457,18 @@ int IMetadata::update(const IEntry& entry) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, *snapshot);
+    return update(tag, snapshot->getContentSP());
+}
+
+int IMetadata::update(uint32_t tag, const std::shared_ptr<Content>& content) {
+    std::lock_guard<std::mutex> guard(mLock);
+    CHECK_VALID();
+    makeWritableLocked();
+    if (!mStorage->mItemTable.update(tag, content)) {
+        META_LOGE("table full (%zu rows), tag %x not stored", ItemTable::kMaxRows, tag);
+        return -1;
+    }
+    return 0;
 }
 
 IEntry IMetadata::entryFor(uint32_t tag, int take) const {
