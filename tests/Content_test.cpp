@@ -106,7 +106,7 @@ TYPED_TEST_SUITE(ContentBasicTypeTest, BasicTypes);
 
 // Raw values back to back; read back: one value inline, several in an exact byte array.
 TYPED_TEST(ContentBasicTypeTest, RoundTrip) {
-    const int code = TypeCodeOf<TypeParam>::value;
+    const int code = TypeCode<TypeParam>::value;
     const size_t e = sizeof(TypeParam);
     Bytes v(3 * e);
     for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<uint8_t>(i * 37 + 1);

@@ -311,6 +311,15 @@ private:
     uint32_t mTailMarker;
 };
 
+template <>
+struct TypeCode<IMetadata> {
+    static constexpr int32_t value = TYPE_IMetadata;
+};
+template <>
+struct TypeCode<IMetadata::Memory> {
+    static constexpr int32_t value = TYPE_Memory;
+};
+
 //----------------------------------------------------------------------------------------
 // The blob pool: 12 size classes of 8 slots, each slot keeping up to 5 spare buffers of one
 // nominal capacity, last in first out. Thread-safe: one mutex per slot.

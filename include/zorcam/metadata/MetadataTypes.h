@@ -2,6 +2,7 @@
 // The small value types a metadata entry can hold besides plain numbers, the type codes that
 // name an entry's element type (in memory, in the flat form, in logs and dumps), and the
 // Type2Type selector of the typed templates. Plain values: thread-compatible.
+#include <cstddef>
 #include <cstdint>
 
 namespace NSCam {
@@ -66,14 +67,126 @@ struct MRect {
     bool operator!=(const MRect& o) const { return !(*this == o); }
 };
 
-// The flat form stores these values as their raw bytes: their layout must not move.
-static_assert(sizeof(MRational) == 8 && sizeof(MPoint) == 8 && sizeof(MSize) == 8, "layout");
-static_assert(sizeof(MRect) == 16 && alignof(MRect) == 4, "layout");
-
 // Names the stored element type of an entry in the typed templates.
 template <typename T>
 struct Type2Type {
     using Type = T;
 };
+
+//----------------------------------------------------------------------------------------
+// What each type code means, in one place. Everything that sizes, names, prints or searches
+// values by their type code reads this table: the content and its flat record, the check of
+// foreign bytes, the dump and the value strings, the typed families, the tools and the tests.
+struct TypeFacts {
+    int32_t code;
+    const char* name;       // the code's name, as the headers spell it
+    const char* shortName;  // as tools print and parse it
+    // Bytes of one element: the basic types' fixed size; 1 for a blob (whose elements carry
+    // their own length in the flat form); -1 for a nested container (no fixed size: asking
+    // a content for it is fatal).
+    int32_t size;
+    bool basic;       // fixed-size values kept as raw bytes, in host (little-endian) order
+    bool searchable;  // IEntry::indexOf is offered (not for rationals or nested containers)
+    // printf form of one element in a container dump line ("%d " and friends), and in the
+    // value strings of the metadata updater (which follow std::to_string for numbers). The
+    // nested-container and blob forms take no per-element fields here: their writers add
+    // what they need.
+    const char* dumpForm;
+    const char* textForm;
+};
+
+inline constexpr TypeFacts kTypeFacts[NUM_MTYPE] = {
+    {TYPE_UINT8, "TYPE_UINT8", "uint8", 1, true, true, "%d ", "%d "},
+    {TYPE_INT32, "TYPE_INT32", "int32", 4, true, true, "%d ", "%d "},
+    {TYPE_FLOAT, "TYPE_FLOAT", "float", 4, true, true, "%f ", "%f "},
+    {TYPE_INT64, "TYPE_INT64", "int64", 8, true, true, "%ld ", "%ld "},
+    {TYPE_DOUBLE, "TYPE_DOUBLE", "double", 8, true, true, "%lf ", "%f "},
+    {TYPE_MRational, "TYPE_MRational", "rational", 8, true, false, "rational(%d,%d) ",
+     "[%d / %d] "},
+    {TYPE_MPoint, "TYPE_MPoint", "point", 8, true, true, "point(%d,%d) ", "(%d, %d) "},
+    {TYPE_MSize, "TYPE_MSize", "size", 8, true, true, "size(%d,%d) ", "(%d, %d) "},
+    {TYPE_MRect, "TYPE_MRect", "rect", 16, true, true, "rect(%d,%d,%d,%d) ", "(%d, %d, %d, %d) "},
+    {TYPE_IMetadata, "TYPE_IMetadata", "metadata", -1, false, false, "metadata.. ", ""},
+    {TYPE_Memory, "TYPE_Memory", "memory", 1, false, true, "memory[%d] size %d:", ""},
+};
+
+// The facts of a type code, or null for a code outside 0..10 (-1, "no type yet", included).
+constexpr const TypeFacts* typeFacts(int32_t code) {
+    return static_cast<uint32_t>(code) < static_cast<uint32_t>(NUM_MTYPE) ? &kTypeFacts[code]
+                                                                          : nullptr;
+}
+
+// The type code of each stored element type (the nested container and the blob are added
+// where IMetadata is declared). The default value of each is what its default constructor
+// makes: zero for numbers, 0/1 for a rational, all fields zero for points, sizes and rects.
+template <typename T>
+struct TypeCode;
+template <>
+struct TypeCode<unsigned char> {
+    static constexpr int32_t value = TYPE_UINT8;
+};
+template <>
+struct TypeCode<int> {
+    static constexpr int32_t value = TYPE_INT32;
+};
+template <>
+struct TypeCode<float> {
+    static constexpr int32_t value = TYPE_FLOAT;
+};
+template <>
+struct TypeCode<long> {
+    static constexpr int32_t value = TYPE_INT64;
+};
+template <>
+struct TypeCode<double> {
+    static constexpr int32_t value = TYPE_DOUBLE;
+};
+template <>
+struct TypeCode<MRational> {
+    static constexpr int32_t value = TYPE_MRational;
+};
+template <>
+struct TypeCode<MPoint> {
+    static constexpr int32_t value = TYPE_MPoint;
+};
+template <>
+struct TypeCode<MSize> {
+    static constexpr int32_t value = TYPE_MSize;
+};
+template <>
+struct TypeCode<MRect> {
+    static constexpr int32_t value = TYPE_MRect;
+};
+
+// The flat form and every reader of raw values rely on this layout: pin it.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the flat form is little-endian");
+static_assert(sizeof(long) == 8, "TYPE_INT64 is stored as long");
+static_assert(sizeof(MRational) == 8 && offsetof(MRational, numerator) == 0 &&
+                  offsetof(MRational, denominator) == 4,
+              "MRational layout");
+static_assert(sizeof(MPoint) == 8 && offsetof(MPoint, x) == 0 && offsetof(MPoint, y) == 4,
+              "MPoint layout");
+static_assert(sizeof(MSize) == 8 && offsetof(MSize, w) == 0 && offsetof(MSize, h) == 4,
+              "MSize layout");
+static_assert(sizeof(MRect) == 16 && alignof(MRect) == 4 && offsetof(MRect, p) == 0 &&
+                  offsetof(MRect, s) == 8,
+              "MRect layout");
+static_assert(MRational().numerator == 0 && MRational().denominator == 1,
+              "a default rational is 0/1");
+
+namespace detail {
+template <typename T>
+constexpr bool factsMatch() {
+    return kTypeFacts[TypeCode<T>::value].code == TypeCode<T>::value &&
+           kTypeFacts[TypeCode<T>::value].size == static_cast<int32_t>(sizeof(T)) &&
+           kTypeFacts[TypeCode<T>::value].basic;
+}
+}  // namespace detail
+static_assert(detail::factsMatch<unsigned char>() && detail::factsMatch<int>() &&
+                  detail::factsMatch<float>() && detail::factsMatch<long>() &&
+                  detail::factsMatch<double>() && detail::factsMatch<MRational>() &&
+                  detail::factsMatch<MPoint>() && detail::factsMatch<MSize>() &&
+                  detail::factsMatch<MRect>(),
+              "each basic type sits in its row with its size");
 
 }  // namespace NSCam

@@ -70,27 +70,6 @@ private:
     void reset();
 };
 
-// The type code of each stored element type, for the typed families.
-template <typename T>
-struct TypeCodeOf;
-#define ZORCAM_TYPE_CODE(T, code)              \
-    template <>                                \
-    struct TypeCodeOf<T> {                     \
-        static constexpr int32_t value = code; \
-    };
-ZORCAM_TYPE_CODE(unsigned char, TYPE_UINT8)
-ZORCAM_TYPE_CODE(int, TYPE_INT32)
-ZORCAM_TYPE_CODE(float, TYPE_FLOAT)
-ZORCAM_TYPE_CODE(long, TYPE_INT64)
-ZORCAM_TYPE_CODE(double, TYPE_DOUBLE)
-ZORCAM_TYPE_CODE(MRational, TYPE_MRational)
-ZORCAM_TYPE_CODE(MPoint, TYPE_MPoint)
-ZORCAM_TYPE_CODE(MSize, TYPE_MSize)
-ZORCAM_TYPE_CODE(MRect, TYPE_MRect)
-ZORCAM_TYPE_CODE(IMetadata, TYPE_IMetadata)
-ZORCAM_TYPE_CODE(IMetadata::Memory, TYPE_Memory)
-#undef ZORCAM_TYPE_CODE
-
 // Applies a macro to each of the eleven stored element types.
 #define ZORCAM_FOR_EACH_VALUE_TYPE(X) \
     X(unsigned char)                  \

@@ -157,7 +157,7 @@ void IEntry::push_back(const T& item, Type2Type<U>) {
     std::lock_guard<std::mutex> guard(mLock);
     const U& value = storedValue<U>(item);
     const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(-1, &value, 1, TypeCodeOf<U>::value)) {
+    if (!_ContentUpdate(-1, &value, 1, TypeCode<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
@@ -169,7 +169,7 @@ void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
     const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(-1, array, count, TypeCodeOf<U>::value)) {
+    if (!_ContentUpdate(-1, array, count, TypeCode<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
@@ -182,7 +182,7 @@ void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
     std::lock_guard<std::mutex> guard(mLock);
     const std::shared_ptr<Content> previous = _ContentMakeWritable();
     // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
-    if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCodeOf<U>::value)) {
+    if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCode<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
@@ -194,7 +194,7 @@ void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Ty
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
     std::lock_guard<std::mutex> guard(mLock);
     const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCodeOf<U>::value)) {
+    if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCode<U>::value)) {
         META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
                   static_cast<void*>(mContentPtr.get()));
         noteFailure();
@@ -213,7 +213,7 @@ T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
         auto storage = mContentPtr ? mContentPtr->getMetadata(at, TYPE_IMetadata) : nullptr;
         return storage ? IMetadata(storage) : IMetadata();
     } else {
-        const void* p = mContentPtr ? mContentPtr->getBasicData(at, TypeCodeOf<T>::value) : nullptr;
+        const void* p = mContentPtr ? mContentPtr->getBasicData(at, TypeCode<T>::value) : nullptr;
         if (p) {
             T value;
             std::memcpy(static_cast<void*>(&value), p, sizeof(T));
@@ -239,7 +239,7 @@ int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) con
         if constexpr (std::is_same<T, Memory>::value || std::is_same<T, IMetadata>::value) {
             // Handles are handed out as proper copies that share the stored data, so the
             // caller's array owns what it holds and may be destroyed normally.
-            ok = c.mType == TypeCodeOf<T>::value && at >= 0 && at < c.mCount && inRange;
+            ok = c.mType == TypeCode<T>::value && at >= 0 && at < c.mCount && inRange;
             if (ok) {
                 for (size_t i = 0; i < count; ++i) {
                     if constexpr (std::is_same<T, Memory>::value) {
@@ -252,7 +252,7 @@ int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) con
                 }
             }
         } else {
-            const void* p = c.getBasicData(at, TypeCodeOf<T>::value);
+            const void* p = c.getBasicData(at, TypeCode<T>::value);
             ok = p != nullptr && inRange;
             if (ok) std::memcpy(static_cast<void*>(array), p, count * sizeof(T));
         }

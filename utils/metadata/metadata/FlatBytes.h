@@ -9,27 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include <zorcam/metadata/FlatForm.h>
+
 namespace NSCam {
 namespace flat {
-
-// Storage block: magic, record count, then per record the tag, the length of the content
-// record and the content record itself.
-constexpr uint32_t kStorageMagic = 0x01245432;
-constexpr size_t kStorageHeader = 8;
-constexpr size_t kRecordHead = 8;
-// Content record: pattern, type, count, then the payload.
-constexpr uint32_t kContentPattern = 0xAB2454CD;
-constexpr size_t kContentHeader = 12;
-// Records a table can hold: the decoder counts them in 15 bits.
-constexpr int32_t kMaxRecords = 0x7FFF;
-
-// Nested containers deeper than this are refused as malformed when decoding, so that
-// foreign bytes cannot exhaust the stack.
-constexpr int kMaxNestingDepth = 64;
-// Nested containers one flat form may hold. Each decoded one owns a tag table of about
-// 7 KiB (slot array and row buffer) for as little as 12 bytes of input; the limit keeps what
-// foreign bytes can make a decoder allocate for them under 64 MiB.
-constexpr size_t kMaxNestedContainers = 8192;
 
 // What one decode on this thread has seen so far. A decode starts at whichever decoder is
 // entered first (a container's storage block, or a lone content record) and spans every

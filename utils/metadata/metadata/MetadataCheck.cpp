@@ -9,9 +9,6 @@
 namespace NSCam {
 namespace {
 
-// Element sizes of the basic types, by type code.
-constexpr uint32_t kBasicSize[TYPE_MRect + 1] = {1, 4, 4, 8, 8, 8, 8, 8, 16};
-
 class Checker {
 public:
     explicit Checker(const uint8_t* base) : mBase(base) {}
@@ -77,8 +74,10 @@ private:
             return true;
         }
         if (type == -1) return fail(begin + 4, "elements without a type");
-        if (type < 0 || type > TYPE_MRect) return fail(begin + 4, "type code out of range");
-        if (n > (end - pos) / kBasicSize[type]) return fail(begin + 8, "payload exceeds record");
+        const TypeFacts* facts = typeFacts(type);
+        if (facts == nullptr || !facts->basic) return fail(begin + 4, "type code out of range");
+        if (n > (end - pos) / static_cast<size_t>(facts->size))
+            return fail(begin + 8, "payload exceeds record");
         return true;
     }
 

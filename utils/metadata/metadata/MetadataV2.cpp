@@ -218,7 +218,7 @@ T readValue(const std::shared_ptr<Content>& content, uint32_t index) {
         auto storage = content->getMetadata(at, TYPE_IMetadata);
         return storage ? IMetadata(storage) : IMetadata();
     } else {
-        const void* p = content->getBasicData(at, TypeCodeOf<T>::value);
+        const void* p = content->getBasicData(at, TypeCode<T>::value);
         T value{};
         if (p) std::memcpy(static_cast<void*>(&value), p, sizeof(T));
         return value;
@@ -256,7 +256,7 @@ int Storage::readEntries(uint32_t tag, std::vector<T>& values) const {
 template <typename T>
 void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
     auto content = std::make_shared<Content>();
-    content->update(static_cast<int>(index), &value, 1, TypeCodeOf<T>::value);
+    content->update(static_cast<int>(index), &value, 1, TypeCode<T>::value);
     mItemTable.update(tag, content);
     content->markReadOnly();
 }
@@ -265,7 +265,7 @@ template <typename T, typename U>
 std::shared_ptr<Content> Storage::write(const T& value, Type2Type<U>, uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
     auto content = std::make_shared<Content>();
-    content->update(static_cast<int>(index), &value, 1, TypeCodeOf<U>::value);
+    content->update(static_cast<int>(index), &value, 1, TypeCode<U>::value);
     return content;
 }
 
@@ -274,7 +274,7 @@ std::shared_ptr<Content> Storage::write(const T* values, size_t count, Type2Type
                                         uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
     auto content = std::make_shared<Content>();
-    content->update(static_cast<int>(index), values, count, TypeCodeOf<U>::value);
+    content->update(static_cast<int>(index), values, count, TypeCode<U>::value);
     return content;
 }
 
@@ -285,7 +285,7 @@ void Storage::writeEntries(uint32_t tag, const T* values, size_t count, uint32_t
         return;
     }
     auto content = std::make_shared<Content>();
-    content->update(static_cast<int>(index), values, count, TypeCodeOf<T>::value);
+    content->update(static_cast<int>(index), values, count, TypeCode<T>::value);
     content->markReadOnly();
     mItemTable.update(tag, content);
 }
