@@ -157,7 +157,8 @@ TEST_F(ContentTest, AppendOverwriteAndRemove) {
     ASSERT_TRUE(c.mBasicDataSP && *c.mBasicDataSP == four);
     refused(c.update(3, more, 2, TYPE_INT32), {"update:index (3) out of range (4)"});
     refused(c.update(1, more, ~size_t{0}, TYPE_INT32), {"update:index (1) out of range (4)"});
-    refused(c.update(-1, more, 0x80000000u, TYPE_INT32), {"update:index (-1) out of range (4)"});
+    refused(c.update(-1, more, 0x80000000u, TYPE_INT32),
+            {"update:append of 2147483648 elements overflows count 4"});
     refused(c.remove(4), {"remove:out of index remove. cnt 4, index 4"});
     // A type mismatch is told, with the call stack, only when the details level is non-zero.
     refused(c.update(-1, &one, 1, TYPE_FLOAT),

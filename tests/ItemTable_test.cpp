@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <tuple>
+
+#include "AllocationProbe.h"
 
 #include "Content.h"
 
@@ -106,6 +109,47 @@ TEST(BufferPoolTest, ANewTableReusesADestroyedOnesBuffersAndEachHalfKeepsEighty)
         EXPECT_EQ(q.pairs(half), 80u);
         EXPECT_EQ(q.mSlotArrays[half].size(), 80u);
         EXPECT_EQ(q.mHolders[half].size(), 80u);
+    }
+}
+
+// An allocation failure anywhere inside an insertion, a removal or a construction leaves the
+// table exactly as it was (and a constructor that fails leaks nothing).
+TEST(ItemTableTest, AFailedAllocationLeavesTheTableAsItWas) {
+    const uint32_t kept[] = {0x00010000, 0x00040006, 0x7F000001, 0x00020003};
+    const std::vector<ContentSP> values = {fresh(), fresh(), fresh(), fresh(), fresh()};
+    auto rows = [](const Table& t) {
+        std::vector<std::pair<uint32_t, const void*>> out;
+        for (size_t r = 0; r < t.size(); ++r) {
+            EXPECT_EQ(t.getIndexByTag(t.at(r).tag), r);
+            out.emplace_back(t.at(r).tag, t.at(r).content.get());
+        }
+        return out;
+    };
+    const std::function<void(Table&)> ops[] = {
+        [&](Table& t) { t.update(0x7F000002, values[4]); },  // a new side entry
+        [&](Table& t) { t.update(0x00030000, values[4]); },  // a new slot entry
+        [&](Table& t) { t.remove(0x00010000); },             // moves a side entry's row
+        [&](Table& t) { t = Table(); }};
+    for (size_t op = 0; op < std::size(ops); ++op) {
+        for (size_t fail = 1;; ++fail) {
+            Table t;
+            for (size_t i = 0; i < std::size(kept); ++i) t.update(kept[i], values[i]);
+            // A full row buffer, so that a new row must grow it.
+            for (uint32_t i = 0; t.size() < t.items().capacity(); ++i)
+                t.update(0x91000000u + i, nullptr);
+            const auto before = rows(t);
+            zorcam_test::failAllocation(fail);
+            bool threw = false;
+            try {
+                ops[op](t);
+            } catch (const std::bad_alloc&) {
+                threw = true;
+            }
+            zorcam_test::failAllocation(0);
+            if (!threw) break;  // every allocation of the operation has failed once
+            EXPECT_EQ(rows(t), before) << op << " " << fail;
+            expectConsistent(t);
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <set>
 #include <thread>
 #include <vector>
@@ -165,6 +166,28 @@ TEST(MemoryTest, EditsZeroFillAndLeaveASharerAlone) {
     const Memory before(grown);
     EXPECT_EQ(grown.appendVector(blob({7})), 4u);
     EXPECT_EQ(bytesOf(before), (Bytes{1, 2, 3}));
+}
+
+// Another thread reads shared bytes (as a flatten copies them out), then lets go of its handle;
+// the last owner then edits in place. Its "I am the last owner" must be ordered after the other
+// thread's reads: ThreadSanitizer reports the race otherwise.
+TEST(MemoryTest, TheLastOwnerEditsOnlyAfterTheOtherOwnersReads) {
+    for (int round = 0; round < 50; ++round) {
+        Memory mine = blob(Bytes(64, 1));
+        std::atomic<bool> released{false};  // relaxed: it orders nothing by itself
+        std::thread other([copy = Memory(mine), &released]() mutable {
+            Bytes out(copy.size());
+            std::copy(copy.array(), copy.array() + copy.size(), out.begin());
+            ASSERT_EQ(out, Bytes(64, 1));
+            copy.clear();
+            released.store(true, std::memory_order_relaxed);
+        });
+        while (!released.load(std::memory_order_relaxed)) std::this_thread::yield();
+        const uint8_t* before = mine.array();
+        mine.editArray()[0] = 2;  // sole owner now: in place
+        EXPECT_EQ(mine.array(), before);
+        other.join();
+    }
 }
 
 }  // namespace

@@ -13,9 +13,10 @@ using namespace NSCam;
 std::string prefixOf(const IMetadata* meta, int size, const IMetadata* other = nullptr) {
     std::vector<char> buf(static_cast<size_t>(std::max(size, 0)) + 8, '#');
     const char* out = getDumpFilenamePrefix(buf.data(), size, other, meta);
-    EXPECT_EQ(out == buf.data(), meta != nullptr);  // the buffer, or "" for a null frameMeta
+    // The buffer; or "", untouched, for a null frameMeta or no room for the terminating zero.
+    EXPECT_EQ(out == buf.data(), meta != nullptr && size > 0);
     const size_t len = strnlen(out, static_cast<size_t>(std::max(size, 0)));
-    const size_t used = out == buf.data() && size > 0 ? len + 1 : 0;
+    const size_t used = out == buf.data() ? len + 1 : 0;
     EXPECT_EQ(std::string(buf.begin() + used, buf.end()), std::string(buf.size() - used, '#'));
     return std::string(out, len);
 }

@@ -1,7 +1,13 @@
 // IMetadata: lifecycle, storage copy-on-write, single entries, merge and the flat form.
 #include <gmock/gmock.h>
 
+#include <pthread.h>
+
+#include <algorithm>
+#include <functional>
 #include <thread>
+
+#include <zorcam/metadata/MetadataCheck.h>
 
 #include "Content.h"
 #include "RecordingLogger.h"
@@ -179,6 +185,140 @@ TEST(FlatTest, AllElevenTypesAndThreeNestingLevelsComeBackInRowOrder) {
     const NSCam::Type2Type<IMetadata> nested;
     expectRead(back.entryFor(0x91040001).itemAt(0, nested).entryFor(0x00020000).itemAt(0, nested),
                0x00040006, -9);
+}
+
+// Runs `fn` on a thread with a 1 MiB stack, as camera threads often have.
+void onSmallStack(const std::function<void()>& fn) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 1 << 20);
+    pthread_t thread;
+    auto run = [](void* f) -> void* {
+        (*static_cast<const std::function<void()>*>(f))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()>*>(&fn)), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+}
+
+// A container holding a container ... `levels` deep, built through the API.
+IMetadata chain(int levels) {
+    IMetadata m;
+    for (int i = 0; i < levels; ++i) {
+        IMetadata outer;
+        IMetadata::setEntry(&outer, 0x00010000, m);
+        m = outer;
+    }
+    return m;
+}
+// One entry holding `n` containers (each with a storage of its own rows: none).
+IMetadata wide(size_t n) {
+    const IMetadata one(std::make_shared<Storage>());
+    IMetadata m;
+    IMetadata::IEntry e(0x00010000);
+    for (size_t i = 0; i < n; ++i) e.push_back(one, NSCam::Type2Type<IMetadata>());
+    m.update(e);
+    return m;
+}
+
+// The sender refuses exactly what the receiver refuses, and says which limit; nothing on the
+// way (sizing, writing, dumping, destroying) recurses per level, so a small stack suffices.
+TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecursesPerLevel) {
+    const std::string deep =
+        "containers nested deeper than 64 levels: a receiver would refuse "
+        "the form";
+    const std::string many = "more than 8192 nested containers: a receiver would refuse the form";
+    const std::vector<uint32_t> repeated(32768, 0x00010000);
+    const struct {
+        const char* name;
+        std::function<IMetadata()> make;
+        const std::vector<uint32_t>* tags;
+        std::string refusal;  // empty: accepted by both sides
+    } cases[] = {{"64 levels", [] { return chain(64); }, nullptr, ""},
+                 {"65 levels", [] { return chain(65); }, nullptr, deep},
+                 {"10000 levels", [] { return chain(10000); }, nullptr, deep},
+                 {"8192 containers", [] { return wide(8192); }, nullptr, ""},
+                 {"8193 containers", [] { return wide(8193); }, nullptr, many},
+                 {"32767 records",
+                  [] {
+                      return with({{0x00010000, 1}});
+                  },
+                  &repeated, ""},
+                 {"32768 records",
+                  [] {
+                      return with({{0x00010000, 1}});
+                  },
+                  &repeated,
+                  "more than 32767 "
+                  "records: a receiver would refuse the form"}};
+    onSmallStack([&] {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.name);
+            const IMetadata m = c.make();
+            const uint32_t* tags = c.tags ? c.tags->data() : nullptr;
+            const long count = c.tags ? static_cast<long>(c.tags->size()) - c.refusal.empty() : -1;
+            const long size = m.flattenSize(tags, count);
+            Bytes b(c.refusal.empty() ? static_cast<size_t>(size) : 64);
+            const long written = m.flatten(b.data(), b.size(), tags, count);
+            if (!c.refusal.empty()) {
+                EXPECT_TRUE(size == -1 && written == -1);
+                EXPECT_THAT(log.take(),
+                            ElementsAre("flattenSize:" + c.refusal, "flatten:" + c.refusal));
+                continue;
+            }
+            ASSERT_EQ(written, size);
+            EXPECT_TRUE(NSCam::checkFlatMetadata(b.data(), b.size()).ok);
+            EXPECT_EQ(flat(IMetadata(b.data(), b.size())), flat(m));
+            EXPECT_TRUE(log.take().empty());
+        }
+        setLogging(0x2, 5, 0x1001000);
+        chain(10000).dump(0, true);
+        const std::vector<std::string> lines = log.take();
+        EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                             "dump:(L65) containers nested deeper than 64 levels: not dumped"),
+                  1);
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [](const std::string& l) { return l.rfind("dump:layer", 0) == 0; }),
+                  65);
+    });
+}
+
+// A storage made to hold itself through the storage's own writers is refused, not followed.
+TEST_F(MetadataTest, AStorageHoldingItselfIsNeitherFollowedForeverNorLeaked) {
+    const auto s = std::make_shared<Storage>();
+    const IMetadata holder(s);
+    s->writeEntry<IMetadata>(0x00010000, holder);
+    onSmallStack([&] {
+        Bytes b(64);
+        EXPECT_EQ(holder.flattenSize() + holder.flatten(b.data(), b.size()), -2);
+        EXPECT_EQ(log.take().size(), 2u);
+        setLogging(0x2, 5, 0x1001000);
+        holder.dump(0, true);
+    });
+    const std::vector<std::string> lines = log.take();
+    // 65 levels of 4 lines (layer, count, the row before and after its nested one) and one
+    // line where the 66th would have been.
+    ASSERT_EQ(lines.size(), 65u * 4 + 1);
+    EXPECT_EQ(lines[64 * 3 + 3], "dump:(L65) containers nested deeper than 64 levels: not dumped");
+    EXPECT_EQ(lines.back(), "dump:(L0) [dump] Map(0/1) tag(0x10000) type(9) count(1) metadata.. ");
+    s->writeEntries<IMetadata>(0x00010000, nullptr, 0);  // breaks the cycle: all is freed
+}
+
+// A record's length in the flat form holds 32 bits: a record of 4 GiB or more is refused, never
+// cut to its low 32 bits. (65,536 handles of one 64 KiB blob make one.)
+TEST_F(MetadataTest, RecordsBeyondFourGibibytesAreRefusedNotCut) {
+    const std::vector<IMetadata::Memory> blobs(1 << 16,
+                                               IMetadata::Memory(Bytes(1 << 16).data(), 1 << 16));
+    IMetadata m;
+    IMetadata::IEntry e(0x00010000);
+    e.push_back(blobs.data(), blobs.size(), NSCam::Type2Type<IMetadata::Memory>());
+    m.update(e);
+    Bytes b(64);
+    EXPECT_EQ(m.flatten(b.data(), b.size()), -1);
+    EXPECT_THAT(log.take(), ElementsAre("flatten:record of tag 10000 needs 4295229452 bytes, more "
+                                        "than a 32-bit length holds",
+                                        "flatten:encoding tag 10000 fail , size -1"));
 }
 
 }  // namespace

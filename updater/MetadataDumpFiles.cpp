@@ -40,9 +40,11 @@ bool readField(const IMetadata& meta, uint32_t tag, uint32_t max, int& value) {
 
 const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* /*otherMeta*/,
                                   const IMetadata* frameMeta) {
-    if (buffer == nullptr || frameMeta == nullptr) return "";
+    // No buffer, or no room even for the terminating zero: nothing can be handed back
+    // terminated, so the answer is the empty constant string and the buffer is not touched.
+    if (buffer == nullptr || frameMeta == nullptr || size <= 0) return "";
 
-    BoundedText out(buffer, size > 0 ? static_cast<size_t>(size) : 0);
+    BoundedText out(buffer, static_cast<size_t>(size));
     out.appendf("%s", kDumpDirectory);
     int value = 0;
     if (readField(*frameMeta, kTagUniqueKey, kMaxUniqueKey, value))

@@ -97,7 +97,9 @@ public:
         bool isEmpty() const;
         void clear();
         int32_t removeAt(uint32_t index);
-        // Address of element 0 of a basic-type entry; the content becomes read-only.
+        // Address of element 0 of a basic-type entry; the content becomes read-only. The
+        // address is valid only until the next edit through any entry that shares the values:
+        // the edit goes to a copy, and the values behind the address may be released.
         const void* data() const;
         std::shared_ptr<Content> getContentSP() const;
 
@@ -106,6 +108,9 @@ public:
         // not offered fail at link time.
         template <typename T, typename U>
         void push_back(const T& item, Type2Type<U>);
+        // Appending zero elements to an entry of a basic type that holds 0 or 1 element ends
+        // the process ("size should be 1"): the one-element form has no room for "nothing".
+        // An empty std::vector's data(), size() is enough to get there; test for empty first.
         template <typename T, typename U>
         void push_back(const T* array, size_t count, Type2Type<U>);
         template <typename T, typename U>
@@ -202,10 +207,6 @@ public:
                                  uint32_t& tag) const;
         long flattenSize(const uint32_t* tags, long count) const;
         long flatten(void* buf, size_t size, const uint32_t* tags, long count) const;
-        // As flatten, for a block nested in a larger buffer: `size` decides the result and
-        // the reports, and no byte is written past `writable`.
-        long flatten(void* buf, size_t size, size_t writable, const uint32_t* tags,
-                     long count) const;
         long unflatten(const void* buf, size_t size);
 
         // Typed one-call access on this layer (no lock: burst callbacks run under the
@@ -264,6 +265,9 @@ public:
     IEntry entryFor(uint32_t tag, int take = 0) const;
     IEntry takeEntryFor(uint32_t tag);
     IEntry entryAt(uint32_t index) const;
+    // The callbacks run under this container's lock: they must not call back into it, and
+    // two callbacks that each store one container into the other, on two threads, can
+    // deadlock (each holds its own container's lock and waits for the other's).
     int burstRead(const std::function<int(const BurstEntry&)>& fn) const;
     void burstWrite(const std::function<void(BurstEntry&)>& fn);
 
@@ -272,6 +276,10 @@ public:
     long flatten(void* buf, size_t size) const { return flatten(buf, size, nullptr, -1); }
     // The flat form of the listed tags only, in list order: `count` tags are read from
     // `tags` (absent ones are skipped, repeated ones repeated); with `tags` null, all rows.
+    // Only the low 32 bits of `count` are read: -1 means four billion tags, not "all".
+    // A form that a receiver would refuse (containers nested deeper than 64 levels, more
+    // than 8192 nested containers, more than 32767 records, a record of 4 GiB or more) is
+    // refused here too: -1 from both, with an error line naming the limit.
     long flattenSize(const uint32_t* tags, long count) const;
     long flatten(void* buf, size_t size, const uint32_t* tags, long count) const;
     long unflatten(void* buf, size_t size);
@@ -300,10 +308,13 @@ private:
     // (an overload, so that its log lines name "update" as callers grep for).
     int update(uint32_t tag, const std::shared_ptr<Content>& content);
     void assignValidNumber();
+    uint32_t validNum() const { return mValidNum.load(std::memory_order_relaxed); }
     uint32_t lockedRowCount() const;
 
     uint32_t mHeadMarker;
-    uint32_t mValidNum;
+    // Read before locking (entryFor, operator=) while a destructor may clear it: atomic, so
+    // that the race a use after destruction makes is defined.
+    std::atomic<uint32_t> mValidNum;
     uint32_t mValidNumBackup;
     mutable std::shared_ptr<Storage> mStorage;
     uint32_t mLockMarker;

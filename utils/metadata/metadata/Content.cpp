@@ -5,9 +5,11 @@
 
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "Diagnostics.h"
 #include "FlatBytes.h"
+#include "Nested.h"
 
 namespace NSCam {
 
@@ -33,7 +35,44 @@ struct DepthGuard {
     ~DepthGuard() { --flat::tDecode.depth; }
 };
 
+// Nested containers being released by the loop of this thread (see nested::release).
+struct ReleaseLoop {
+    bool running = false;
+    std::vector<std::shared_ptr<void>> pending;
+    ~ReleaseLoop() { tReleaseLoopGone = true; }
+    static thread_local bool tReleaseLoopGone;
+};
+thread_local bool ReleaseLoop::tReleaseLoopGone = false;
+
 }  // namespace
+
+void nested::release(std::shared_ptr<void>&& nested) {
+    if (!nested) return;
+    // A thread that is exiting may release containers after its loop is gone: plainly.
+    if (ReleaseLoop::tReleaseLoopGone) {
+        nested.reset();
+        return;
+    }
+    thread_local ReleaseLoop loop;
+    if (loop.running) {
+        try {
+            loop.pending.push_back(std::move(nested));
+            return;
+        } catch (const std::bad_alloc&) {
+            // No room to defer: release it here, one level deeper.
+        }
+        nested.reset();
+        return;
+    }
+    loop.running = true;
+    nested.reset();  // what it releases in turn is queued, not released inside this call
+    while (!loop.pending.empty()) {
+        std::shared_ptr<void> next = std::move(loop.pending.back());
+        loop.pending.pop_back();
+        next.reset();
+    }
+    loop.running = false;
+}
 
 Content::Content() : mType(-1), mCount(0), mReadOnly(0) {
     countUp();
@@ -73,14 +112,14 @@ Content::Content(Content& other) : mType(other.mType), mCount(other.mCount), mRe
 Content::~Content() {
     Content::mStatNum.fetch_sub(1, std::memory_order_relaxed);
     mMemSP.reset();
-    mMetaSP.reset();
+    nested::release(std::move(mMetaSP));
     mBasicDataSP.reset();
 }
 
 void Content::reset() {
     mBasicDataSP.reset();
     mMemSP.reset();
-    mMetaSP.reset();
+    nested::release(std::move(mMetaSP));
     mType = -1;
     mCount = 0;
     mReadOnly.store(0, std::memory_order_relaxed);
@@ -91,7 +130,7 @@ bool Content::clear() {
     // here never sees a half-cleared content.
     { auto gone = std::move(mBasicDataSP); }
     { auto gone = std::move(mMemSP); }
-    { auto gone = std::move(mMetaSP); }
+    nested::release(std::move(mMetaSP));
     mType = -1;
     mCount = 0;
     mReadOnly.store(0, std::memory_order_relaxed);
@@ -117,7 +156,7 @@ bool Content::update(int index, const void* data, size_t size, int type) {
     } else {
         // The element count is 32-bit signed; an append that cannot be counted is refused.
         if (size > static_cast<size_t>(INT32_MAX - mCount)) {
-            META_LOGE("index (%d) out of range (%d)", index, mCount);
+            META_LOGE("append of %zu elements overflows count %d", size, mCount);
             return false;
         }
         start = static_cast<size_t>(mCount);
@@ -126,7 +165,7 @@ bool Content::update(int index, const void* data, size_t size, int type) {
             // another type go with it, so that only the new type's vector can exist.
             mType = type;
             mBasicDataSP.reset();
-            mMetaSP.reset();
+            nested::release(std::move(mMetaSP));
             mMemSP.reset();
         }
     }
@@ -145,7 +184,11 @@ bool Content::update(int index, const void* data, size_t size, int type) {
             mCount += static_cast<int32_t>(size);
         }
         const IMetadata* src = static_cast<const IMetadata*>(data);
-        for (size_t i = 0; i < size; ++i) (*mMetaSP)[start + i] = src[i].getStorageSP();
+        for (size_t i = 0; i < size; ++i) {
+            std::shared_ptr<Storage> replaced = src[i].getStorageSP();
+            (*mMetaSP)[start + i].swap(replaced);
+            nested::release(std::move(replaced));
+        }
         return true;
     }
 
@@ -239,7 +282,9 @@ bool Content::remove(int index) {
             META_LOGE("content confuse. type %d, mMetaSP %p", mType, mMetaSP.get());
             return false;
         }
+        std::shared_ptr<Storage> removed = std::move((*mMetaSP)[at]);
         mMetaSP->erase(mMetaSP->begin() + static_cast<ptrdiff_t>(at));
+        nested::release(std::move(removed));
         --mCount;
         return true;
     }
@@ -267,12 +312,15 @@ bool Content::remove(int index) {
 }
 
 size_t Content::flattenSize() const {
+    const flat::EncodeScope scope;
+    if (scope.outermost && nested::brokenLimit(nullptr, this, nullptr, 0) != nested::Limit::kNone)
+        return 0;
     if (mCount == 0) return kHeaderSize;
     size_t total = kHeaderSize;
     if (mType == TYPE_IMetadata) {
         if (!mMetaSP) META_FATAL("mMetaSP is nullptr but mCount >0");
         for (const auto& storage : *mMetaSP)
-            total += 4 + (storage ? static_cast<size_t>(storage->flattenSize(nullptr, -1)) : 0);
+            total += 4 + (storage ? nested::flattenSize(*storage, nullptr, -1) : 0);
         return total;
     }
     if (mType == TYPE_Memory) {
@@ -284,11 +332,29 @@ size_t Content::flattenSize() const {
 }
 
 long Content::flatten(void* buf, size_t capacity) const {
-    return flatten(buf, capacity, capacity);
+    const flat::EncodeScope scope;
+    if (scope.outermost) {
+        switch (nested::brokenLimit(nullptr, this, nullptr, 0)) {
+            case nested::Limit::kNone:
+            case nested::Limit::kRecords:
+                break;
+            case nested::Limit::kDepth:
+                META_LOGE(
+                    "containers nested deeper than %d levels: a receiver would refuse the "
+                    "form",
+                    flat::kMaxNestingDepth);
+                return -1;
+            case nested::Limit::kContainers:
+                META_LOGE("more than %zu nested containers: a receiver would refuse the form",
+                          flat::kMaxNestedContainers);
+                return -1;
+        }
+    }
+    flat::Writer w(buf, capacity);
+    return flatten(w);
 }
 
-long Content::flatten(void* buf, size_t capacity, size_t writable) const {
-    flat::Writer w(buf, capacity, writable);
+long Content::flatten(flat::Writer& w) const {
     w.putU32(kPattern);
     w.putU32(static_cast<uint32_t>(mType));
     w.putU32(static_cast<uint32_t>(mCount));
@@ -299,6 +365,12 @@ long Content::flatten(void* buf, size_t capacity, size_t writable) const {
                 const Memory m(element);
                 size_t n = 0;
                 const uint8_t* bytes = m.array(n);
+                // A length field holds 32 bits: a larger blob cannot be sent whole.
+                if (n > UINT32_MAX) {
+                    META_LOGE("blob of %zu bytes does not fit the 32-bit length of the flat form",
+                              n);
+                    return -1;
+                }
                 w.putU32(static_cast<uint32_t>(n));
                 if (n) w.put(bytes, n);
             }
@@ -311,10 +383,9 @@ long Content::flatten(void* buf, size_t capacity, size_t writable) const {
                 }
                 // The nested block gets whatever capacity is left behind its length field,
                 // even when that is already exhausted: the whole record is judged at the end.
-                const flat::Writer nested = w.sub(w.pos + 4);
-                const long written =
-                    storage->flatten(nested.base, nested.capacity, nested.writable, nullptr, -1);
-                if (written < 0) {
+                flat::Writer block = w.sub(w.pos + 4);
+                const long written = nested::flatten(*storage, block, nullptr, -1);
+                if (written < 0 || static_cast<unsigned long>(written) > UINT32_MAX) {
                     META_LOGE("flatten meta %p error", storage.get());
                     return -1;
                 }
@@ -384,7 +455,8 @@ long Content::unflatten(const void* buf, size_t size) {
             return -1;
         }
         DepthGuard depth;
-        mMetaSP = std::make_shared<std::vector<std::shared_ptr<Storage>>>(count);
+        nested::release(
+            std::exchange(mMetaSP, std::make_shared<std::vector<std::shared_ptr<Storage>>>(count)));
         for (auto& slot : *mMetaSP) {
             if (!r.has(4)) return OUT_OF_BUFFER(4);
             const uint32_t n = r.u32();

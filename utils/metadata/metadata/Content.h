@@ -41,11 +41,12 @@ public:
     std::shared_ptr<std::vector<uint8_t>> getMemory(int index, int type) const;
     bool remove(int index);
 
+    // Bytes the record takes; 0 when the record holds containers a receiver would refuse
+    // (which flatten then reports).
     size_t flattenSize() const;
     long flatten(void* buf, size_t capacity) const;
-    // As flatten, for a record nested in a larger buffer: `capacity` decides the result and
-    // the reports, and no byte is written past `writable`.
-    long flatten(void* buf, size_t capacity, size_t writable) const;
+    // The record at the writer's position, as part of a larger block.
+    long flatten(flat::Writer& w) const;
     long unflatten(const void* buf, size_t size);
 
     bool isReadOnly() const { return mReadOnly.load(std::memory_order_relaxed) != 0; }

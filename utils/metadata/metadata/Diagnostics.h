@@ -79,6 +79,12 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
         LOG_TAG, LOG_MODULE, __func__, __LINE__, __FILE__ \
     }
 
+// An error line written as if by the operation `func` (a literal or a string that outlives the
+// call): for helpers that report on behalf of the public operation a caller knows.
+#define META_LOGE_AS(func, fmt, ...)                                                         \
+    ::NSCam::diag::error(::NSCam::diag::Site{LOG_TAG, LOG_MODULE, func, __LINE__, __FILE__}, \
+                         "%s(%d):" fmt, func, __LINE__, ##__VA_ARGS__)
+
 #define META_LOGD(fmt, ...)                                                         \
     do {                                                                            \
         if (::NSCam::diag::debugOn(LOG_MODULE))                                     \

@@ -2,7 +2,7 @@
 // Cursors over the flat form. The form is little-endian and unpadded, so every field is
 // copied with memcpy. Decoding never reads outside the buffer it was given. Encoding keeps
 // two limits: the capacity the caller declared (which decides results and reports, checked
-// once at the end as it always was) and the bytes that really exist behind the pointer,
+// once at the end as it always was) and the bytes that really exist in the caller's buffer,
 // past which nothing is ever written even when a nested writer was handed a capacity that
 // wrapped around.
 #include <cstddef>
@@ -33,37 +33,62 @@ struct DecodeScope {
     DecodeScope& operator=(const DecodeScope&) = delete;
 };
 
+// What encoders are running on this thread: the limits of the form are checked once, by the
+// outermost one, before anything is written.
+inline thread_local int tEncoders = 0;
+
+struct EncodeScope {
+    const bool outermost;
+    EncodeScope() : outermost(tEncoders++ == 0) {}
+    ~EncodeScope() { --tEncoders; }
+    EncodeScope(const EncodeScope&) = delete;
+    EncodeScope& operator=(const EncodeScope&) = delete;
+};
+
+// A cursor writing one block (a storage block or a content record) of a caller's buffer.
+// Positions are offsets from the caller's buffer, so that no pointer past its end is ever
+// formed, even for a nested block whose declared capacity is already spent.
 struct Writer {
-    uint8_t* base;
-    size_t capacity;  // declared by the caller
-    size_t writable;  // bytes that really exist at base
-    size_t pos = 0;
+    uint8_t* root;    // the caller's buffer
+    size_t real;      // bytes that exist at root
+    size_t origin;    // where this block starts, from root
+    size_t capacity;  // bytes this block may use, as its caller declared them
+    size_t pos = 0;   // from origin
 
-    Writer(void* buf, size_t cap) : Writer(buf, cap, cap) {}
-    Writer(void* buf, size_t cap, size_t real)
-        : base(static_cast<uint8_t*>(buf)), capacity(cap), writable(real < cap ? real : cap) {}
+    Writer(void* buf, size_t size)
+        : root(static_cast<uint8_t*>(buf)), real(size), origin(0), capacity(size) {}
 
-    // Copies what fits into the real buffer; the cursor always advances by n.
+    // Copies what fits into both the declared capacity and the real buffer; the cursor always
+    // advances by n.
     void put(const void* src, size_t n) {
-        if (pos < writable) {
-            const size_t room = writable - pos;
-            std::memcpy(base + pos, src, n < room ? n : room);
-        }
+        const size_t limit = room();
+        if (pos < limit) std::memcpy(root + origin + pos, src, n < limit - pos ? n : limit - pos);
         pos += n;
     }
-    void putU32At(size_t at, uint32_t v) {
-        if (at + 4 <= writable) std::memcpy(base + at, &v, 4);
-    }
     void putU32(uint32_t v) { put(&v, 4); }
+    void putU32At(size_t at, uint32_t v) {
+        if (at <= room() && room() - at >= 4) std::memcpy(root + origin + at, &v, 4);
+    }
     // A writer for a nested block starting `offset` bytes past this one's start: its declared
-    // capacity is what is left of ours (wrapping, as the unchecked subtraction always did),
-    // its real room what is left of the real buffer.
+    // capacity is what is left of ours (wrapping, as the unchecked subtraction always did).
     Writer sub(size_t offset) const {
-        return Writer(base + offset, capacity - offset, writable > offset ? writable - offset : 0);
+        Writer w(*this);
+        w.origin = origin + offset;
+        w.capacity = capacity - offset;
+        w.pos = 0;
+        return w;
     }
     bool overflowed() const { return pos > capacity; }
+    // Addresses for log lines only, computed as integers.
     const void* at(size_t offset) const {
-        return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(base) + offset);
+        return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(root) + origin + offset);
+    }
+
+private:
+    // Bytes of this block that may really be written.
+    size_t room() const {
+        const size_t left = real > origin ? real - origin : 0;
+        return capacity < left ? capacity : left;
     }
 };
 

@@ -55,11 +55,17 @@ ItemTable::ItemTable() : mSlots(nullptr) {
     q.unlock(half);
     if (mSlots == nullptr || !mHolder) {
         std::free(mSlots);
-        mSlots = static_cast<uint16_t*>(std::malloc(kSlotBytes));
+        mSlots = nullptr;
+        // Both buffers are made before either is kept, so that a failed allocation leaks
+        // neither (the constructor then throws and no table exists).
+        std::unique_ptr<uint16_t, decltype(&std::free)> slots(
+            static_cast<uint16_t*>(std::malloc(kSlotBytes)), &std::free);
+        auto holder = std::make_unique<std::vector<Item>>();
+        holder->reserve(kReservedRows);
         // Without a slot array every tag goes through the side index: slower, never lost.
-        if (mSlots) std::memset(mSlots, 0xFF, kSlotBytes);
-        mHolder = std::make_unique<std::vector<Item>>();
-        mHolder->reserve(kReservedRows);
+        if (slots) std::memset(slots.get(), 0xFF, kSlotBytes);
+        mSlots = slots.release();
+        mHolder = std::move(holder);
     }
     mItems.swap(*mHolder);
 }
@@ -108,11 +114,19 @@ bool ItemTable::update(uint32_t tag, const std::shared_ptr<Content>& content) {
     }
     if (mItems.size() >= kMaxRows) return false;
     const uint16_t newRow = static_cast<uint16_t>(mItems.size());
-    if (slot)
-        *slot = newRow;
-    else
-        mOutside[tag] = newRow;
+    // Everything that can throw comes first, and each step is undone if a later one throws:
+    // a table that met an allocation failure is exactly the table it was.
     mItems.push_back(Item{tag, content});
+    if (slot) {
+        *slot = newRow;
+    } else {
+        try {
+            mOutside.emplace(tag, newRow);
+        } catch (...) {
+            mItems.pop_back();
+            throw;
+        }
+    }
     return true;
 }
 
@@ -124,13 +138,14 @@ bool ItemTable::remove(uint32_t tag) {
     const uint16_t row = getIndexByTag(tag);
     if (row == kNoRow) return false;
     // The last row moves into the hole, so removal is constant time and changes row order.
+    // Nothing below allocates: the moved row's side entry already exists.
     if (mItems.back().tag != tag) {
         std::swap(mItems[row], mItems.back());
         const uint32_t moved = mItems[row].tag;
         if (uint16_t* slot = slotFor(moved))
             *slot = row;
         else
-            mOutside[moved] = row;
+            mOutside.find(moved)->second = row;
     }
     if (uint16_t* slot = slotFor(tag))
         *slot = kNoRow;

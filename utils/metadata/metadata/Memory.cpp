@@ -11,6 +11,8 @@
 #include <cstring>
 #include <utility>
 
+#include "Sync.h"
+
 namespace NSCam {
 
 using Memory = IMetadata::Memory;
@@ -27,10 +29,11 @@ BufferSP newBuffer(size_t size, size_t capacity) {
     return buffer;
 }
 
-// True when another owner can see the vector. The count is read without a lock: it is atomic,
-// and once it reads 1 no other thread can gain a reference through this handle's vector.
+// True when another owner can see the vector. Once the count reads 1 no other thread can gain a
+// reference through this handle's vector; soleOwner also orders the other owners' last reads
+// before whatever this handle does next (writing in place, or pooling the vector for reuse).
 bool isShared(const BufferSP& buffer) {
-    return buffer.use_count() > 1;
+    return !soleOwner(buffer);
 }
 
 }  // namespace

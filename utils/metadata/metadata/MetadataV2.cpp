@@ -14,6 +14,7 @@
 #include "Diagnostics.h"
 #include "FlatBytes.h"
 #include "ItemTable.h"
+#include "Nested.h"
 
 namespace NSCam {
 
@@ -75,7 +76,7 @@ bool Storage::getContentSPByIndex(size_t index, std::shared_ptr<Content>& conten
         content.reset();
         return false;
     }
-    const Item& item = mItemTable.at(index);
+    const Storage::Item& item = mItemTable.at(index);
     tag = item.tag;
     content = item.content;
     return true;
@@ -100,51 +101,141 @@ void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, F
 
 }  // namespace
 
-long Storage::flattenSize(const uint32_t* tags, long count) const {
+size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count) {
     size_t total = kStorageHeader;
-    forEachSelected(mItemTable, tags, count, [&total](const Item& item) {
+    forEachSelected(s.mItemTable, tags, count, [&total](const Storage::Item& item) {
         total += kRecordHead + (item.content ? item.content->flattenSize() : 0);
     });
-    return static_cast<long>(total);
+    return total;
+}
+
+nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, const uint32_t* tags,
+                                  long count) {
+    struct Open {
+        const Storage* storage;
+        int depth;
+    };
+    std::vector<Open> open;
+    size_t containers = 0;
+    // A content holding containers opens each of them one level deeper; the receiver refuses
+    // such a content once kMaxNestingDepth containers enclose it, and counts every non-empty
+    // slot (an empty one is written as length 0 and costs it nothing).
+    auto visit = [&](const Content* c, int depth) {
+        if (c == nullptr || c->mType != TYPE_IMetadata || c->mCount == 0 || !c->mMetaSP)
+            return Limit::kNone;
+        if (depth >= flat::kMaxNestingDepth) return Limit::kDepth;
+        for (const auto& storage : *c->mMetaSP) {
+            if (!storage) continue;
+            if (++containers > flat::kMaxNestedContainers) return Limit::kContainers;
+            open.push_back(Open{storage.get(), depth + 1});
+        }
+        return Limit::kNone;
+    };
+    Limit broken = Limit::kNone;
+    if (root == nullptr) {
+        broken = visit(lone, 0);
+    } else {
+        size_t records = 0;
+        forEachSelected(root->mItemTable, tags, count, [&](const Storage::Item& item) {
+            ++records;
+            if (broken == Limit::kNone) broken = visit(item.content.get(), 0);
+        });
+        if (records > static_cast<size_t>(flat::kMaxRecords)) return Limit::kRecords;
+    }
+    while (broken == Limit::kNone && !open.empty()) {
+        const Open next = open.back();
+        open.pop_back();
+        for (const Storage::Item& item : next.storage->mItemTable.items()) {
+            broken = visit(item.content.get(), next.depth);
+            if (broken != Limit::kNone) break;
+        }
+    }
+    return broken;
+}
+
+namespace {
+
+// Reports, under the name of the operation that refuses it, a form the receiver would refuse;
+// true when there is none.
+bool sendable(const char* operation, const Storage* root, const Content* lone, const uint32_t* tags,
+              long count) {
+    switch (nested::brokenLimit(root, lone, tags, count)) {
+        case nested::Limit::kNone:
+            return true;
+        case nested::Limit::kRecords:
+            META_LOGE_AS(operation, "more than %d records: a receiver would refuse the form",
+                         flat::kMaxRecords);
+            return false;
+        case nested::Limit::kDepth:
+            META_LOGE_AS(operation,
+                         "containers nested deeper than %d levels: a receiver would refuse the "
+                         "form",
+                         flat::kMaxNestingDepth);
+            return false;
+        case nested::Limit::kContainers:
+            META_LOGE_AS(operation,
+                         "more than %zu nested containers: a receiver would refuse the form",
+                         flat::kMaxNestedContainers);
+            return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+long Storage::flattenSize(const uint32_t* tags, long count) const {
+    const flat::EncodeScope scope;
+    if (scope.outermost && !sendable("flattenSize", this, nullptr, tags, count)) return -1;
+    return static_cast<long>(nested::flattenSize(*this, tags, count));
 }
 
 long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) const {
-    return flatten(buf, size, size, tags, count);
-}
-
-long Storage::flatten(void* buf, size_t size, size_t writable, const uint32_t* tags,
-                      long count) const {
     if (buf == nullptr) {
         META_LOGE("flatten nullpointer");
         return -1;
     }
-    flat::Writer w(buf, size, writable);
+    const flat::EncodeScope scope;
+    if (scope.outermost && !sendable("flatten", this, nullptr, tags, count)) return -1;
+    flat::Writer w(buf, size);
+    return nested::flatten(*this, w, tags, count);
+}
+
+long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, long count) {
     w.putU32(kStorageMagic);
     w.pos = kStorageHeader;
     uint32_t records = 0;
     uint32_t failedTag = 0;
     bool failed = false;
-    forEachSelected(mItemTable, tags, count, [&](const Item& item) {
+    forEachSelected(s.mItemTable, tags, count, [&](const Storage::Item& item) {
         if (failed) return;
         const size_t head = w.pos;
         w.putU32At(head, item.tag);
         w.pos = head + kRecordHead;
-        uint32_t length = 0;
+        long length = 0;
         if (item.content) {
-            const std::shared_ptr<Content> content = item.content;  // alive for the call
-            // Only the content writer is given the remaining capacity; the heads are
-            // written first and the whole block judged once at the end.
-            const flat::Writer body = w.sub(w.pos);
-            const long written = content->flatten(body.base, body.capacity, body.writable);
-            if (written < 0) {
+            // A record's length field holds 32 bits: a longer record is refused before any
+            // of it is written, never cut to its low bits.
+            const size_t need = item.content->flattenSize();
+            if (need > UINT32_MAX) {
+                META_LOGE_AS("flatten",
+                             "record of tag %x needs %zu bytes, more than a 32-bit length holds",
+                             item.tag, need);
                 failed = true;
                 failedTag = item.tag;
                 return;
             }
-            length = static_cast<uint32_t>(written);
+            // Only the content writer is given the remaining capacity; the heads are
+            // written first and the whole block judged once at the end.
+            flat::Writer body = w.sub(w.pos);
+            length = item.content->flatten(body);
+            if (length < 0) {
+                failed = true;
+                failedTag = item.tag;
+                return;
+            }
         }
-        w.putU32At(head + 4, length);
-        w.pos += length;
+        w.putU32At(head + 4, static_cast<uint32_t>(length));
+        w.pos += static_cast<size_t>(length);
         ++records;
     });
     if (failed) {
@@ -307,18 +398,22 @@ ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_STORAGE_FAMILIES)
 
 // A destroyed container is never used again; every checked operation ends the process when
 // it meets one, naming itself.
-#define CHECK_VALID()                                                        \
-    do {                                                                     \
-        if (__builtin_expect(mValidNum == 0, 0))                             \
-            META_FATAL_FLUSH(                                                \
-                "this %p object already be free! mValidNum invalid(%x) "     \
-                "mValidNumBackup(%x)",                                       \
-                static_cast<const void*>(this), mValidNum, mValidNumBackup); \
+#define CHECK_VALID()                                                         \
+    do {                                                                      \
+        if (__builtin_expect(validNum() == 0, 0))                             \
+            META_FATAL_FLUSH(                                                 \
+                "this %p object already be free! mValidNum invalid(%x) "      \
+                "mValidNumBackup(%x)",                                        \
+                static_cast<const void*>(this), validNum(), mValidNumBackup); \
     } while (0)
 
 void IMetadata::assignValidNumber() {
-    const uint32_t serial = mSerialNum.fetch_add(1, std::memory_order_relaxed) + 1;
-    mValidNum = mValidNumBackup = serial | kValidBit;
+    // A plain increment, racy by design: two constructors racing may share a number, and only
+    // its non-zero-ness is ever tested. No locked instruction on the way.
+    const uint32_t serial = mSerialNum.load(std::memory_order_relaxed) + 1;
+    mSerialNum.store(serial, std::memory_order_relaxed);
+    mValidNumBackup = serial | kValidBit;
+    mValidNum.store(mValidNumBackup, std::memory_order_relaxed);
 }
 
 IMetadata::IMetadata()
@@ -369,7 +464,7 @@ IMetadata::~IMetadata() {
     CHECK_VALID();
     mStorage.reset();
     --mHeadMarker;
-    mValidNum = 0;  // mValidNumBackup keeps what the object was
+    mValidNum.store(0, std::memory_order_relaxed);  // mValidNumBackup keeps what it was
     --mTailMarker;
 }
 
@@ -542,12 +637,12 @@ long IMetadata::unflatten(void* buf, size_t size) {
 
 IMetadata& IMetadata::operator=(const IMetadata& other) {
     if (this == &other) return *this;
-    if (mValidNum == 0 || other.mValidNum == 0)
+    if (validNum() == 0 || other.validNum() == 0)
         META_FATAL(
             "this(%p) or other(%p) already be free! mValidNum invalid(%x) "
             "mValidNumBackup(%x) other.mValidNum(%x) other.mValidNumBackup(%x)",
-            static_cast<void*>(this), static_cast<const void*>(&other), mValidNum, mValidNumBackup,
-            other.mValidNum, other.mValidNumBackup);
+            static_cast<void*>(this), static_cast<const void*>(&other), validNum(), mValidNumBackup,
+            other.validNum(), other.mValidNumBackup);
     // The source's storage is taken before this container is locked, so two threads
     // assigning two containers to each other cannot deadlock.
     std::shared_ptr<Storage> storage = other.getStorageSP();
@@ -594,6 +689,13 @@ namespace {
 // A dump line holds at most 511 characters; what does not fit is cut at the end, never
 // wrapped onto a further line.
 constexpr size_t kDumpLineSize = 512;
+
+// Containers the dump of this thread is inside of (the top one not counted).
+thread_local int tDumpDepth = 0;
+struct DumpLevel {
+    DumpLevel() { ++tDumpDepth; }
+    ~DumpLevel() { --tDumpDepth; }
+};
 
 template <typename T>
 T itemOf(const IEntry& entry, uint32_t i) {
@@ -667,13 +769,19 @@ void IMetadata::dump(int layer, bool force) const {
                 }
                 break;
             case TYPE_IMetadata:
-                // Each nested container is dumped one layer deeper after the line so far.
+                // Each nested container is dumped one layer deeper after the line so far, as
+                // deep as a receiver would take them; a deeper one is said once, not dumped.
                 for (uint32_t j = 0; j < count; ++j) {
                     const IMetadata nested = itemOf<IMetadata>(entry, j);
-                    if (line.appendf("metadata.. ") >= 0) {
-                        META_LOGD("(L%d) %s", layer, line.c_str());
-                        nested.dump(layer + 1, force);
+                    if (line.appendf("metadata.. ") < 0) continue;
+                    META_LOGD("(L%d) %s", layer, line.c_str());
+                    if (tDumpDepth >= flat::kMaxNestingDepth) {
+                        META_LOGD("(L%d) containers nested deeper than %d levels: not dumped",
+                                  layer + 1, flat::kMaxNestingDepth);
+                        continue;
                     }
+                    const DumpLevel deeper;
+                    nested.dump(layer + 1, force);
                 }
                 break;
             case TYPE_Memory:

@@ -1,0 +1,35 @@
+#pragma once
+// The one seam through which contents and storages recurse for nested containers: a content
+// holding containers sizes and writes their storage blocks through these, and the limits a
+// receiver puts on nesting are judged here before a sender writes anything.
+#include <zorcam/metadata/IMetadata.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "FlatBytes.h"
+
+namespace NSCam {
+namespace nested {
+
+// The storage block of `s` (the rows of `tags`, or every row when `tags` is null) at the
+// writer's position: its length, or -1 after the failure was reported.
+long flatten(const IMetadata::Storage& s, flat::Writer& w, const uint32_t* tags, long count);
+// The bytes that block takes.
+size_t flattenSize(const IMetadata::Storage& s, const uint32_t* tags, long count);
+
+// Lets go of a content's nested containers (a vector of storages, or one storage). A chain of
+// containers nested in each other is released level after level in a loop of this thread,
+// never by one destructor calling the next: a chain of any length costs no call depth.
+void release(std::shared_ptr<void>&& nested);
+
+// A limit of the receiver that a form would break.
+enum class Limit { kNone, kRecords, kDepth, kContainers };
+// For the storage block of `s` (rows as above) or, when `s` is null, the lone content `c`.
+// Walks the nesting with a stack of its own, so a chain of any depth costs no call depth.
+Limit brokenLimit(const IMetadata::Storage* s, const IMetadata::Content* c, const uint32_t* tags,
+                  long count);
+
+}  // namespace nested
+}  // namespace NSCam

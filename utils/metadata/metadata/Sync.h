@@ -1,0 +1,32 @@
+#pragma once
+// Small concurrency helpers shared by the library's sources.
+#include <atomic>
+#include <memory>
+
+#if defined(__SANITIZE_THREAD__)
+#define ZORCAM_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZORCAM_TSAN 1
+#endif
+#endif
+
+namespace NSCam {
+
+// True when `p` is the only owner of what it points to, ordered after everything the former
+// other owners did with it before they let go: only then may the caller change it in place or
+// hand it to a pool. The owner count is read relaxed; the acquire makes the answer safe to act
+// on (the releasing decrement of the count is a release).
+template <typename T>
+bool soleOwner(const std::shared_ptr<T>& p) {
+    if (p.use_count() != 1) return false;
+#ifdef ZORCAM_TSAN
+    // ThreadSanitizer does not model fences: an increment of the same count acquires alike.
+    const std::shared_ptr<T> probe(p);
+#else
+    std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+    return true;
+}
+
+}  // namespace NSCam
