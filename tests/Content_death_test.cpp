@@ -25,9 +25,14 @@ TEST_P(ContentDeathTest, EndsWithTheLocatedText) {
     Content c;
     c.mType = f.type;
     c.mCount = f.count;
-    if (f.vectors & 1) c.mMemSP = std::make_shared<std::vector<IMetadata::Memory>>(f.count);
-    if (f.vectors & 2)
-        c.mMetaSP = std::make_shared<std::vector<std::shared_ptr<IMetadata::Storage>>>(f.count);
+    if (f.vectors == 1) {
+        c.mObjects = new std::vector<IMetadata::Memory>(f.count);
+        c.mHeld = Content::Held::kBlobs;
+    }
+    if (f.vectors == 2) {
+        c.mObjects = new std::vector<std::shared_ptr<IMetadata::Storage>>(f.count);
+        c.mHeld = Content::Held::kStorages;
+    }
     // "func(N):text (func){#N:file}", for any line N.
     EXPECT_DEATH(f.run(c), std::string(f.func) + "\\([0-9]+\\):" + f.text + " \\(" + f.func +
                                "\\)\\{#[0-9]+:utils/metadata/metadata/Content\\.cpp\\}");

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 
 #include "AllocationProbe.h"
 #include "RecordingLogger.h"
@@ -24,6 +25,12 @@ std::string ptr(const void* p) {
 Bytes flat(const Content& c) {
     Bytes out(c.flattenSize());
     return c.flatten(out.data(), out.size()) == static_cast<long>(out.size()) ? out : Bytes();
+}
+// The content's byte array, or nothing when it keeps its one element without an array.
+std::optional<Bytes> array(const Content& c) {
+    if (c.mHeld != Content::Held::kBytes) return std::nullopt;
+    const size_t n = static_cast<size_t>(c.mCount) * static_cast<size_t>(c._typeSize());
+    return Bytes(c.mBytes, c.mBytes + n);
 }
 Bytes header(int32_t type, int32_t count) {
     const int32_t h[] = {static_cast<int32_t>(Content::kPattern), type, count};
@@ -119,7 +126,7 @@ TYPED_TEST(ContentBasicTypeTest, RoundTrip) {
         rec.push_back(0xEE);  // not consumed
         const long used = back.unflatten(rec.data(), rec.size());
         EXPECT_TRUE(used == static_cast<long>(rec.size() - 1) && back.isReadOnly()) << n;
-        EXPECT_EQ(back.mBasicDataSP ? back.mBasicDataSP->size() : 0u, n > 1 ? n * e : 0u) << n;
+        EXPECT_EQ(array(back) ? array(back)->size() : 0u, n > 1 ? n * e : 0u) << n;
         EXPECT_EQ(std::memcmp(back.getBasicData(n - 1, code), &v[(n - 1) * e], e), 0) << n;
     }
 }
@@ -150,11 +157,11 @@ TEST_F(ContentTest, NestedContainers) {
 TEST_F(ContentTest, AppendOverwriteAndRemove) {
     Content c;
     const int one = 1, two = 2, more[] = {3, 4};
-    ASSERT_TRUE(c.update(-1, &one, 1, TYPE_INT32) && !c.mBasicDataSP);  // one value: inline
+    ASSERT_TRUE(c.update(-1, &one, 1, TYPE_INT32) && !array(c));  // one value: inline
     ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32) && c.update(-1, more, 2, TYPE_INT32));
     ASSERT_TRUE(c.update(2, more + 1, 1, TYPE_INT32) && c.update(0, more, 0, TYPE_INT32));
     const Bytes four = {1, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 4, 0, 0, 0};
-    ASSERT_TRUE(c.mBasicDataSP && *c.mBasicDataSP == four);
+    ASSERT_EQ(array(c), four);
     refused(c.update(3, more, 2, TYPE_INT32), {"update:index (3) out of range (4)"});
     refused(c.update(1, more, ~size_t{0}, TYPE_INT32), {"update:index (1) out of range (4)"});
     refused(c.update(-1, more, 0x80000000u, TYPE_INT32),
@@ -167,12 +174,12 @@ TEST_F(ContentTest, AppendOverwriteAndRemove) {
             {"getBasicData:type mismatch type(2) vs mType(1)", "Callstack:"});
     setLogging(0x2, 0, 0);
     refused(c.update(-1, &one, 1, TYPE_FLOAT) || c.getBasicData(0, TYPE_FLOAT), {});
-    EXPECT_EQ(*c.mBasicDataSP, four);
+    EXPECT_EQ(array(c), four);
     // Removal moves later values down; one value left keeps its byte array, which grows again.
     ASSERT_TRUE(c.remove(1) && c.remove(2) && c.remove(0));  // 1 4 4, 1 4, 4
-    ASSERT_TRUE(c.mBasicDataSP && *c.mBasicDataSP == Bytes({4, 0, 0, 0}));
+    ASSERT_EQ(array(c), Bytes({4, 0, 0, 0}));
     ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32));
-    EXPECT_EQ(*c.mBasicDataSP, Bytes({4, 0, 0, 0, 2, 0, 0, 0}));
+    EXPECT_EQ(array(c), Bytes({4, 0, 0, 0, 2, 0, 0, 0}));
     ASSERT_TRUE(c.remove(0) && c.remove(0));
     EXPECT_EQ(flat(c), header(-1, 0));  // the last one removed clears the type
     // A stale empty vector from an append of nothing broke the next type ("mMetaSP confuse").

@@ -8,13 +8,8 @@
 #include <limits>
 #include <thread>
 
+#include "MetadataInspector.h"
 #include "RecordingLogger.h"
-
-namespace NSCam {
-struct MetadataInspector {  // an entry's content, without marking it read-only
-    static auto content(const IMetadata::IEntry& e) { return e.mContentPtr; }
-};
-}  // namespace NSCam
 
 namespace {
 

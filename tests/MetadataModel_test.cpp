@@ -8,17 +8,8 @@
 #include <random>
 
 #include "ItemTable.h"
+#include "MetadataInspector.h"
 #include "RecordingLogger.h"
-
-namespace NSCam {
-struct MetadataInspector {
-    static const IMetadata::Storage* storage(const IMetadata& m) { return m.mStorage.get(); }
-    static size_t indexed(const IMetadata::Storage& s) {  // slots and side-index entries in use
-        const uint16_t* slots = s.mItemTable.mSlots;
-        return s.mItemTable.mOutside.size() + 1610 - std::count(slots, slots + 1610, 0xFFFF);
-    }
-};
-}  // namespace NSCam
 
 namespace {
 
@@ -70,14 +61,14 @@ IMetadata::IEntry entryOf(uint32_t tag, const Values& v) {
 // The rows are the model's, in order, each found under its tag, and no other slot or side-index
 // entry is set. Read below the container, which would mark its storage shared.
 void expectMatches(const IMetadata& c, const Model& m) {
-    const IMetadata::Storage* s = In::storage(c);
+    const std::shared_ptr<IMetadata::Storage> s = In::storage(c);
     ASSERT_TRUE(s || m.empty());
     if (!s) return;
     Bytes b(static_cast<size_t>(s->flattenSize(nullptr, -1)));
     ASSERT_EQ(s->flatten(b.data(), b.size(), nullptr, -1), static_cast<long>(b.size()));
     ASSERT_EQ(b, encode(m));
     for (size_t r = 0; r < m.size(); ++r) ASSERT_EQ(s->mItemTable.getIndexByTag(m[r].tag), r);
-    ASSERT_EQ(In::indexed(*s), m.size());
+    ASSERT_EQ(In::indexed(s->mItemTable), m.size());
 }
 
 class MetadataModelTest : public zorcam_test::LoggerTest,

@@ -33,7 +33,7 @@ IMetadata holding(int v) {
 }
 auto rowContent(const Storage& s, uint32_t tag) {
     const uint16_t row = s.mItemTable.getIndexByTag(tag);
-    return row == Storage::ItemTable::kNoRow ? nullptr : s.mItemTable.at(row).content;
+    return row == Storage::ItemTable::kNoRow ? nullptr : s.mItemTable.contentSPAt(row);
 }
 
 template <typename T>
@@ -46,7 +46,8 @@ struct Two;  // two distinct values of each type
     };
 TWO(unsigned char, 7, 250)
 TWO(int, -5, 123456)
-TWO(float, 1.5f, -2.25f) TWO(double, 0.1, -1e300) TWO(long, -5000000000L, 1L << 40)
+TWO(float, 1.5f, -2.25f)
+TWO(double, 0.1, -1e300) TWO(long, -5000000000L, 1L << 40)
     TWO(MRational, MRational(3, 4), MRational(-1, 7)) TWO(MPoint, MPoint(1, 2), MPoint(-3, 4))
         TWO(MSize, MSize(640, 480), MSize(1, 1)) TWO(MRect, MRect(1, 2, 3, 4), MRect(5, 6, 7, 8))
             TWO(IMetadata, holding(5), holding(-8))

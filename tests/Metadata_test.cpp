@@ -10,17 +10,8 @@
 #include <zorcam/metadata/MetadataCheck.h>
 
 #include "Content.h"
+#include "MetadataInspector.h"
 #include "RecordingLogger.h"
-
-namespace NSCam {
-struct MetadataInspector {
-    static std::shared_ptr<IMetadata::Storage> storage(const IMetadata& m) { return m.mStorage; }
-    static std::vector<uint32_t> fields(const IMetadata& m) {
-        return {m.mHeadMarker, m.mLockMarker, m.mTailMarker, m.mValidNum, m.mValidNumBackup};
-    }
-    static bool readOnly(const IMetadata::IEntry& e) { return e.mContentPtr->isReadOnly(); }
-};
-}  // namespace NSCam
 
 namespace {
 
@@ -131,7 +122,7 @@ TEST_F(MetadataTest, MismatchedOrMissingTagsAndNewRowsBeyondTheLimitAreReported)
         EXPECT_EQ(m.update(untagged), -1);
         EXPECT_EQ(log.take(), lines) << level;
     }
-    EXPECT_FALSE(In::readOnly(untagged));  // a refused entry is not shared
+    EXPECT_FALSE(In::content(untagged)->isReadOnly());  // a refused entry is not shared
     for (const auto s = In::storage(m); s->size() < Storage::ItemTable::kMaxRows;)
         s->mItemTable.update(0xFFF00000u | static_cast<uint32_t>(s->size()), nullptr);
     EXPECT_EQ(m.update(IMetadata::IEntry(0x00020000)), -1);

@@ -7,6 +7,7 @@
 // mutex). Memory handles are thread-compatible (one handle, one thread; handles that share
 // bytes may live on different threads). Storage and ItemTable are not thread-safe: they are
 // used under the lock of the container that holds them, or only read once shared.
+#include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataTypes.h>
 
 #include <atomic>
@@ -15,7 +16,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 #include <vector>
 
 namespace NSCam {
@@ -129,6 +129,11 @@ public:
 
     private:
         friend struct ::NSCam::MetadataInspector;
+        friend class IMetadata;
+        // The tag and the values in one look under the lock, the values marked shared (an
+        // entry without a tag: its values only when `tag` is not all ones).
+        std::shared_ptr<Content> share(uint32_t& tag) const;
+        std::shared_ptr<Content> shareIfTagged(uint32_t& tag) const;
         // Under mLock, before every edit: a missing content is created, a read-only one
         // replaced by a private copy. Returns the replaced content, to be held until the
         // edit is done.
@@ -153,44 +158,98 @@ public:
             std::shared_ptr<Content> content;  // may be empty
         };
 
-        // Rows in insertion order, found in constant time through a fixed slot map of the
-        // known tags; other tags go through a small side index. Row buffers and slot arrays
-        // are pooled process-wide in sBufferQueue.
+        // Rows in insertion order, found in constant time: through a fixed slot map of the
+        // known tags (a small side index for the others), or, in a table of a few rows, by
+        // looking at them. Copies share rows until one side changes them; slot arrays are
+        // pooled process-wide in sBufferQueue. Not thread-safe: used under the lock of the
+        // container that holds it (readers without the lock use find(), see below).
         class ItemTable {
         public:
             static constexpr uint32_t kSlotCount = 1610;
             static constexpr uint16_t kNoRow = 0xFFFF;
             // Row numbers are 16-bit and the flat form counts records in 15 bits.
-            static constexpr size_t kMaxRows = 0x7FFF;
+            static constexpr size_t kMaxRows = static_cast<size_t>(flat::kMaxRecords);
+            // Tables of up to this many rows need no slot array.
+            static constexpr size_t kScanRows = 16;
 
+            struct Chunk;
+            struct Directory;
+            struct Slots;
+            struct Side;
             struct BufferQueue;
             static BufferQueue sBufferQueue;
 
             ItemTable();
             ~ItemTable();
             ItemTable(const ItemTable&) = delete;
+            // Shares the other's rows and index; each side copies what it changes later.
             ItemTable& operator=(const ItemTable& other);
 
             void clear();
             bool remove(uint32_t tag);
             uint16_t getIndexByTag(uint32_t tag) const;
-            // Inserts or replaces; false only when a new row would exceed kMaxRows.
+            // Inserts or replaces; false only when a new row would exceed kMaxRows. An
+            // allocation failure leaves the table as it was.
             bool update(uint32_t tag, const std::shared_ptr<Content>& content);
             bool update(const Item& item);
 
-            size_t size() const { return mItems.size(); }
-            const Item& at(size_t row) const { return mItems[row]; }
-            const std::vector<Item>& items() const { return mItems; }
+            size_t size() const { return mSize.load(std::memory_order_relaxed); }
+            // Row `row` (below size()): its tag, its content read in place (valid until the
+            // table changes), or its content shared (kept alive by the reference).
+            uint32_t tagAt(size_t row) const;
+            Content* contentAt(size_t row) const;
+            std::shared_ptr<Content> contentSPAt(size_t row) const;
+
+            // The library's own fast paths (defined inline with the table's insides, for its
+            // loops): the row of a tag (kNoRow), a row's tag and content, every row in order
+            // as fn(tag, content).
+            inline uint16_t rowOf(uint32_t tag) const;
+            inline uint32_t rowTag(size_t row) const;
+            inline Content* rowContent(size_t row) const;
+            template <typename Fn>
+            void forEachRow(Fn&& fn) const;
+
+            // For a reader without the container's lock, inside a readers::Section and a
+            // check of the container's sequence count: the row of `tag` (its content may be
+            // null), no row, or "unsure" (take the lock). Reads only atomics.
+            enum class Found { kRow, kAbsent, kUnsure };
+            Found find(uint32_t tag, const Content*& content) const;
+            // From now on readers without a lock may be following this table: what it drops
+            // is retired (readers::retire), not released at once.
+            void publish() { mPublished = true; }
+
+            // Decoding into an empty table: rows whose contents live in one block (kept alive
+            // by `block`) are placed, in order, in chunks of that block, adopted in order.
+            void adoptChunk(const std::shared_ptr<void>& block, size_t index, Chunk* chunk);
+            // Readies an empty table for `records` decoded records.
+            void beginDecoded(size_t records);
+            // Inserts or replaces the row of `tag` with a content of the adopted block.
+            inline void putDecoded(uint32_t tag, Content* content);
 
         private:
             friend struct ::NSCam::MetadataInspector;
-            uint16_t* slotFor(uint32_t tag) const;  // null for a tag outside the slot map
-            void resetSlots();
+            inline Chunk* chunkAt(size_t row) const;
+            inline uint16_t sideRowOf(uint32_t tag) const;
+            Chunk* writableChunk(size_t index);
+            void growDirectory(size_t chunks);
+            void buildSlots();
+            Slots* writableSlots();
+            void setIndex(uint32_t tag, uint16_t row);
+            void dropIndex(uint32_t tag);
+            void dropChunk(std::shared_ptr<Chunk>&& chunk);
+            void dropContent(std::shared_ptr<Content>&& content);
+            void dropSlots(Slots* slots);
+            Side* writableSide(uint32_t room);
+            void putDecodedOutside(uint32_t tag, uint16_t row);
+            void prepareIndex(uint32_t tag, uint32_t room);
+            void reset();
 
-            std::unique_ptr<std::vector<Item>> mHolder;
-            std::vector<Item> mItems;
-            uint16_t* mSlots;
-            std::unordered_map<uint32_t, uint16_t> mOutside;
+            std::atomic<Directory*> mDirectory;  // null until the first row
+            std::atomic<uint32_t> mSize;
+            std::atomic<Slots*> mSlots;  // null while the table is small enough to look at
+            // Tags without a slot, sorted, with their rows (only while there are slots).
+            std::atomic<Side*> mSide;
+            bool mPublished;
         };
 
         static constexpr uint32_t kHeadMarker = 0x12345678;
@@ -304,11 +363,20 @@ private:
     friend struct ::NSCam::MetadataInspector;
     // Under mLock: a storage that may be shared is replaced by a private clone first.
     void makeWritableLocked() const;
+    // Under mLock, as a write: `storage` becomes this container's; the old one is released
+    // once no reader without the lock can still be in it.
+    void installLocked(std::shared_ptr<Storage> storage) const;
     // Files `content` under `tag` under the lock: the one store behind both public updates
-    // (an overload, so that its log lines name "update" as callers grep for).
+    // and setEntry (an overload, so that its log lines name "update" as callers grep for).
     int update(uint32_t tag, const std::shared_ptr<Content>& content);
+    // Reads element `index` of `tag`, of basic type `type` and `size` bytes, without the lock:
+    // 1 stored in `out`, 0 absent (or fewer elements), -1 when the locked path must answer
+    // (a writer was busy, or the read would fail and report).
+    int readWithoutLock(uint32_t tag, int32_t type, size_t index, void* out, size_t size) const;
     void assignValidNumber();
     uint32_t validNum() const { return mValidNum.load(std::memory_order_relaxed); }
+    // Ends the process when this container was destroyed, naming `operation`.
+    void checkValid(const char* operation) const;
     uint32_t lockedRowCount() const;
 
     uint32_t mHeadMarker;
@@ -317,6 +385,10 @@ private:
     std::atomic<uint32_t> mValidNum;
     uint32_t mValidNumBackup;
     mutable std::shared_ptr<Storage> mStorage;
+    // What readers without the lock follow: the storage, and a count that is odd while a
+    // writer changes the container and moves on with each change.
+    mutable std::atomic<Storage*> mStorageRaw;
+    mutable std::atomic<uint32_t> mSequence;
     uint32_t mLockMarker;
     mutable std::mutex mLock;
     uint32_t mTailMarker;

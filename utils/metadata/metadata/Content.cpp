@@ -4,16 +4,21 @@
 #include "Content.h"
 
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "Diagnostics.h"
 #include "FlatBytes.h"
 #include "Nested.h"
+#include "Pool.h"
 
 namespace NSCam {
 
 using Content = IMetadata::Content;
+using Storages = std::vector<std::shared_ptr<IMetadata::Storage>>;
+using Blobs = std::vector<IMetadata::Memory>;
 
 std::atomic<int64_t> Content::mStatNum{0};
 int64_t Content::mStatSize = 0;
@@ -23,10 +28,6 @@ static_assert(Content::kHeaderSize == 12, "pattern, type and count");
 static_assert(sizeof(MRect) <= Content::kInlineSize, "the inline slot holds any basic element");
 
 namespace {
-
-inline void countUp() {
-    Content::mStatNum.fetch_add(1, std::memory_order_relaxed);
-}
 
 // Nesting depth of the record being decoded on this thread (a nested container's record
 // holds a storage block, which holds records again).
@@ -39,17 +40,17 @@ struct DepthGuard {
 struct ReleaseLoop {
     bool running = false;
     std::vector<std::shared_ptr<void>> pending;
-    ~ReleaseLoop() { tReleaseLoopGone = true; }
-    static thread_local bool tReleaseLoopGone;
+    ~ReleaseLoop() { gone = true; }
+    static thread_local bool gone;
 };
-thread_local bool ReleaseLoop::tReleaseLoopGone = false;
+thread_local bool ReleaseLoop::gone = false;
 
 }  // namespace
 
 void nested::release(std::shared_ptr<void>&& nested) {
     if (!nested) return;
     // A thread that is exiting may release containers after its loop is gone: plainly.
-    if (ReleaseLoop::tReleaseLoopGone) {
+    if (ReleaseLoop::gone) {
         nested.reset();
         return;
     }
@@ -74,63 +75,109 @@ void nested::release(std::shared_ptr<void>&& nested) {
     loop.running = false;
 }
 
-Content::Content() : mType(-1), mCount(0), mReadOnly(0) {
-    countUp();
+//------------------------------------------------------------------------------------------
+// Life cycle
+
+Content::Content()
+    : mType(-1),
+      mCount(0),
+      mReadOnly(0),
+      mHeld(Held::kNothing),
+      mBytesOwned(false),
+      mCapacity(0),
+      mBytes(nullptr),
+      mObjects(nullptr) {
+    countBy(1);
     std::memset(mInlineData, 0, sizeof(mInlineData));
 }
 
-Content::Content(const void* buf, size_t size, int& err) : mType(-1), mCount(0), mReadOnly(0) {
-    countUp();
-    std::memset(mInlineData, 0, sizeof(mInlineData));
+Content::Content(const void* buf, size_t size, int& err) : Content() {
+    // A record decoded on its own starts a decode: the limits on nesting count from here.
+    const flat::DecodeScope scope;
+    construct(buf, size, err, nullptr);
+}
+
+Content::Content(const void* buf, size_t size, int& err, Arena* arena) : Content() {
+    construct(buf, size, err, arena);
+}
+
+void Content::construct(const void* buf, size_t size, int& err, Arena* arena) {
     err = 0;
-    if (unflatten(buf, size) < 0) {
-        META_LOGE("unflatten error %p, size %zu", buf, size);
+    flat::Reader r(buf, size);
+    if (unflattenPayload(r, arena) < 0) {
+        META_LOGE_AS("Content", "unflatten error %p, size %zu", buf, size);
         err = 1;
-        reset();
+        clear();
     }
 }
 
-Content::Content(Content& other) : mType(other.mType), mCount(other.mCount), mReadOnly(0) {
-    countUp();
-    std::memset(mInlineData, 0, sizeof(mInlineData));
+Content::Content(Content& other) : Content() {
+    mType = other.mType;
+    mCount = other.mCount;
     if (mCount == 0) return;  // an empty copy carries only the type
-    if (other.mBasicDataSP) {
-        mBasicDataSP = std::make_shared<std::vector<uint8_t>>(*other.mBasicDataSP);
-    } else if (other.mMemSP) {
-        if (mType != TYPE_Memory) META_FATAL("mMemSP confuse with type %d", mType);
-        // Memory copies share their bytes until one side writes.
-        mMemSP = std::make_shared<std::vector<Memory>>(*other.mMemSP);
-    } else if (other.mMetaSP) {
-        if (mType != TYPE_IMetadata) META_FATAL("mMetaSP confuse with type %d", mType);
-        // Nested containers are shared, not deep-copied: their storages copy on write.
-        mMetaSP = std::make_shared<std::vector<std::shared_ptr<Storage>>>(*other.mMetaSP);
-    } else {
-        std::memcpy(mInlineData, other.mInlineData, static_cast<size_t>(other._typeSize()));
+    switch (other.mHeld) {
+        case Held::kBytes: {
+            // Exactly the source's bytes; in place when they fit.
+            const size_t n = static_cast<size_t>(mCount) * static_cast<size_t>(_typeSize());
+            reserveBytes(n, 0);
+            std::memcpy(mBytes, other.mBytes, n);
+            mHeld = Held::kBytes;
+            break;
+        }
+        case Held::kBlobs:
+            if (mType != TYPE_Memory) META_FATAL("mMemSP confuse with type %d", mType);
+            // Memory copies share their bytes until one side writes.
+            mObjects = new Blobs(*other.blobs());
+            mHeld = Held::kBlobs;
+            break;
+        case Held::kStorages:
+            if (mType != TYPE_IMetadata) META_FATAL("mMetaSP confuse with type %d", mType);
+            // Nested containers are shared, not deep-copied: their storages copy on write.
+            mObjects = new Storages(*other.storages());
+            mHeld = Held::kStorages;
+            break;
+        case Held::kNothing:
+            std::memcpy(mInlineData, other.mInlineData, static_cast<size_t>(other._typeSize()));
+            break;
     }
 }
 
 Content::~Content() {
-    Content::mStatNum.fetch_sub(1, std::memory_order_relaxed);
-    mMemSP.reset();
-    nested::release(std::move(mMetaSP));
-    mBasicDataSP.reset();
+    countBy(-1);
+    if (mHeld != Held::kNothing) releaseArrays();
 }
 
-void Content::reset() {
-    mBasicDataSP.reset();
-    mMemSP.reset();
-    nested::release(std::move(mMetaSP));
-    mType = -1;
-    mCount = 0;
-    mReadOnly.store(0, std::memory_order_relaxed);
+std::shared_ptr<Content> Content::make() {
+    return std::allocate_shared<Content>(pool::PoolAllocator<Content>());
+}
+
+std::shared_ptr<Content> Content::copyOf(Content& other) {
+    return std::allocate_shared<Content>(pool::PoolAllocator<Content>(), other);
+}
+
+void Content::releaseArrays() {
+    // Each array is unhooked before what it held is released, so a destructor reached from
+    // here never sees a half-cleared content.
+    const Held held = mHeld;
+    void* objects = mObjects;
+    uint8_t* bytes = mBytesOwned ? mBytes : nullptr;
+    mHeld = Held::kNothing;
+    mObjects = nullptr;
+    mBytes = nullptr;
+    mBytesOwned = false;
+    mCapacity = 0;
+    if (bytes != nullptr) std::free(bytes);
+    if (held == Held::kBlobs) delete static_cast<Blobs*>(objects);
+    if (held == Held::kStorages) {
+        // Nested chains are released in a loop, not by recursion (nested::release).
+        auto* storages = static_cast<Storages*>(objects);
+        for (auto& storage : *storages) nested::release(std::move(storage));
+        delete storages;
+    }
 }
 
 bool Content::clear() {
-    // Each pointer is emptied before what it held is released, so a destructor reached from
-    // here never sees a half-cleared content.
-    { auto gone = std::move(mBasicDataSP); }
-    { auto gone = std::move(mMemSP); }
-    nested::release(std::move(mMetaSP));
+    releaseArrays();
     mType = -1;
     mCount = 0;
     mReadOnly.store(0, std::memory_order_relaxed);
@@ -138,11 +185,34 @@ bool Content::clear() {
 }
 
 int32_t Content::_typeSize() const {
-    static const int32_t sizeTable[NUM_MTYPE] = {1, 4, 4, 8, 8, 8, 8, 8, 16, -1, 1};
-    if (static_cast<uint32_t>(mType) >= NUM_MTYPE) META_FATAL("mType invalid %d", mType);
+    const TypeFacts* facts = typeFacts(mType);
+    if (facts == nullptr) META_FATAL("mType invalid %d", mType);
     if (mType == TYPE_IMetadata) META_FATAL("Not support TYPE_IMetadata");
-    return sizeTable[mType];
+    return facts->size;
 }
+
+void Content::reserveBytes(size_t bytes, size_t keep) {
+    if (mHeld == Held::kBytes && bytes <= mCapacity) return;
+    if (bytes <= kInlineSize && mHeld != Held::kBytes) {
+        mBytes = mInlineData;  // the inline element, if any, is already where element 0 goes
+        mCapacity = kInlineSize;
+        return;
+    }
+    // Grows geometrically, so that appending one element at a time stays linear.
+    size_t capacity = mHeld == Held::kBytes ? mCapacity * 2 : 0;
+    if (capacity < bytes) capacity = bytes;
+    auto* grown = static_cast<uint8_t*>(std::malloc(capacity));
+    if (grown == nullptr) throw std::bad_alloc();
+    const uint8_t* from = mHeld == Held::kBytes ? mBytes : mInlineData;
+    if (keep != 0) std::memcpy(grown, from, keep);
+    if (mBytesOwned) std::free(mBytes);
+    mBytes = grown;
+    mBytesOwned = true;
+    mCapacity = capacity;
+}
+
+//------------------------------------------------------------------------------------------
+// Update, read, remove
 
 bool Content::update(int index, const void* data, size_t size, int type) {
     size_t start;
@@ -161,12 +231,10 @@ bool Content::update(int index, const void* data, size_t size, int type) {
         }
         start = static_cast<size_t>(mCount);
         if (mCount == 0) {
-            // The first append fixes the type. Vectors left by an append of nothing under
-            // another type go with it, so that only the new type's vector can exist.
+            // The first append fixes the type. Arrays left by an append of nothing under
+            // another type go with it, so that only the new type's array can exist.
             mType = type;
-            mBasicDataSP.reset();
-            nested::release(std::move(mMetaSP));
-            mMemSP.reset();
+            releaseArrays();
         }
     }
     if (mType != type) {
@@ -174,100 +242,104 @@ bool Content::update(int index, const void* data, size_t size, int type) {
         return false;
     }
     const bool append = index == -1;
+    if (type == TYPE_IMetadata) return updateStorages(append, start, data, size);
+    if (type == TYPE_Memory) return updateBlobs(append, start, data, size);
+    return updateBytes(append, start, data, size);
+}
 
-    if (type == TYPE_IMetadata) {
-        if (append) {
-            if (mMetaSP)
-                mMetaSP->resize(mMetaSP->size() + size);
-            else
-                mMetaSP = std::make_shared<std::vector<std::shared_ptr<Storage>>>(size);
-            mCount += static_cast<int32_t>(size);
-        }
-        const IMetadata* src = static_cast<const IMetadata*>(data);
-        for (size_t i = 0; i < size; ++i) {
-            std::shared_ptr<Storage> replaced = src[i].getStorageSP();
-            (*mMetaSP)[start + i].swap(replaced);
-            nested::release(std::move(replaced));
-        }
-        return true;
-    }
-
-    if (type == TYPE_Memory) {
-        if (append) {
-            if (mMemSP)
-                mMemSP->resize(mMemSP->size() + size);
-            else
-                mMemSP = std::make_shared<std::vector<Memory>>(size);
-            mCount += static_cast<int32_t>(size);
-        }
-        const Memory* src = static_cast<const Memory*>(data);
-        for (size_t i = 0; i < size; ++i) (*mMemSP)[start + i] = src[i];
-        return true;
-    }
-
-    const size_t e = static_cast<size_t>(_typeSize());
+bool Content::updateStorages(bool append, size_t start, const void* data, size_t size) {
     if (append) {
-        const size_t n = static_cast<size_t>(mCount) + size;
-        if (mBasicDataSP) {
-            mBasicDataSP->resize(n * e);
-            if (size) std::memcpy(mBasicDataSP->data() + start * e, data, size * e);
-        } else if (n < 2) {
-            if (size != 1) META_FATAL("size should be 1");
-            std::memcpy(mInlineData, data, e);
+        if (mHeld == Held::kStorages) {
+            storages()->resize(storages()->size() + size);
         } else {
-            auto bytes = std::make_shared<std::vector<uint8_t>>(n * e);
-            if (mCount == 1) {
-                std::memcpy(bytes->data(), mInlineData, e);
-                std::memcpy(bytes->data() + e, data, size * e);
-            } else {
-                std::memcpy(bytes->data(), data, size * e);
-            }
-            mBasicDataSP = std::move(bytes);
+            mObjects = new Storages(size);
+            mHeld = Held::kStorages;
         }
         mCount += static_cast<int32_t>(size);
-        return true;
     }
-    if (size == 0) return true;  // nothing to overwrite
-    if (!mBasicDataSP)
-        std::memcpy(mInlineData, data, e);  // the one inline element
-    else
-        std::memcpy(mBasicDataSP->data() + start * e, data, size * e);
+    const IMetadata* src = static_cast<const IMetadata*>(data);
+    for (size_t i = 0; i < size; ++i) {
+        std::shared_ptr<Storage> replaced = src[i].getStorageSP();
+        (*storages())[start + i].swap(replaced);
+        nested::release(std::move(replaced));
+    }
     return true;
 }
 
-// The readers' common refusals, logged under each reader's own name.
-#define CHECK_ELEMENT_OR_RETURN(index, type, refusal)                                  \
-    do {                                                                               \
-        if ((index) < 0 || (index) >= mCount) {                                        \
-            META_LOGE("index (%d) out of range (%d)", (index), mCount);                \
-            return refusal;                                                            \
-        }                                                                              \
-        if (mType != (type)) {                                                         \
-            META_LOGE_CALLSTACK("type mismatch type(%x) vs mType(%x)", (type), mType); \
-            return refusal;                                                            \
-        }                                                                              \
-    } while (0)
+bool Content::updateBlobs(bool append, size_t start, const void* data, size_t size) {
+    if (append) {
+        if (mHeld == Held::kBlobs) {
+            blobs()->resize(blobs()->size() + size);
+        } else {
+            mObjects = new Blobs(size);
+            mHeld = Held::kBlobs;
+        }
+        mCount += static_cast<int32_t>(size);
+    }
+    const Memory* src = static_cast<const Memory*>(data);
+    for (size_t i = 0; i < size; ++i) (*blobs())[start + i] = src[i];
+    return true;
+}
+
+bool Content::updateBytes(bool append, size_t start, const void* data, size_t size) {
+    const size_t e = static_cast<size_t>(_typeSize());
+    if (append) {
+        const size_t n = static_cast<size_t>(mCount) + size;
+        if (mHeld != Held::kBytes && n < 2) {
+            // The one-element form has no room for "nothing": appending zero elements to an
+            // empty or one-element content ends the process, as it always has.
+            if (size != 1) META_FATAL_AS("update", "size should be 1");
+            std::memcpy(mInlineData, data, e);
+        } else {
+            // The one inline element, if any, becomes element 0 of the array.
+            reserveBytes(n * e, start * e);
+            mHeld = Held::kBytes;
+            if (size) std::memcpy(mBytes + start * e, data, size * e);
+        }
+        mCount = static_cast<int32_t>(n);
+        return true;
+    }
+    if (size == 0) return true;  // nothing to overwrite
+    if (mHeld != Held::kBytes)
+        std::memcpy(mInlineData, data, e);  // the one inline element
+    else
+        std::memcpy(mBytes + start * e, data, size * e);
+    return true;
+}
+
+// The readers' common refusals, reported under each reader's own name: true when refused.
+bool Content::refuseElement(int index, int type, const char* operation) const {
+    if (index < 0 || index >= mCount) {
+        META_LOGE_AS(operation, "index (%d) out of range (%d)", index, mCount);
+        return true;
+    }
+    if (mType != type) {
+        META_LOGE_CALLSTACK_AS(operation, "type mismatch type(%x) vs mType(%x)", type, mType);
+        return true;
+    }
+    return false;
+}
 
 const void* Content::getBasicData(int index, int type) const {
-    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
+    if (refuseElement(index, type, "getBasicData")) return nullptr;
     const size_t e = static_cast<size_t>(_typeSize());
-    if (mBasicDataSP) return mBasicDataSP->data() + static_cast<size_t>(index) * e;
+    if (mHeld == Held::kBytes) return mBytes + static_cast<size_t>(index) * e;
     if (mCount == 1) return mInlineData;
     META_FATAL("mCount >1 but mBasicDataSP is nullptr");
 }
 
 std::shared_ptr<IMetadata::Storage> Content::getMetadata(int index, int type) const {
-    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
-    if (!mMetaSP) return nullptr;
+    if (refuseElement(index, type, "getMetadata")) return nullptr;
+    if (mHeld != Held::kStorages) return nullptr;
     if (type != TYPE_IMetadata) META_FATAL("mMetaSP without TYPE_IMetadata");
-    return (*mMetaSP)[static_cast<size_t>(index)];
+    return (*storages())[static_cast<size_t>(index)];
 }
 
 std::shared_ptr<std::vector<uint8_t>> Content::getMemory(int index, int type) const {
-    CHECK_ELEMENT_OR_RETURN(index, type, nullptr);
-    if (!mMemSP) return nullptr;
+    if (refuseElement(index, type, "getMemory")) return nullptr;
+    if (mHeld != Held::kBlobs) return nullptr;
     if (type != TYPE_Memory) META_FATAL("mMemSP without TYPE_Memory");
-    return (*mMemSP)[static_cast<size_t>(index)].getDataSP();
+    return (*blobs())[static_cast<size_t>(index)].getDataSP();
 }
 
 bool Content::remove(int index) {
@@ -277,39 +349,40 @@ bool Content::remove(int index) {
     }
     if (mCount == 1) return clear();
     const size_t at = static_cast<size_t>(index);
-    if (mMetaSP) {
+    if (mHeld == Held::kStorages) {
         if (mType != TYPE_IMetadata) {
-            META_LOGE("content confuse. type %d, mMetaSP %p", mType, mMetaSP.get());
+            META_LOGE("content confuse. type %d, mMetaSP %p", mType, mObjects);
             return false;
         }
-        std::shared_ptr<Storage> removed = std::move((*mMetaSP)[at]);
-        mMetaSP->erase(mMetaSP->begin() + static_cast<ptrdiff_t>(at));
+        std::shared_ptr<Storage> removed = std::move((*storages())[at]);
+        storages()->erase(storages()->begin() + static_cast<ptrdiff_t>(at));
         nested::release(std::move(removed));
         --mCount;
         return true;
     }
-    if (mMemSP) {
+    if (mHeld == Held::kBlobs) {
         if (mType != TYPE_Memory) {
-            META_LOGE("content confuse. type %d, mMemSP %p", mType, mMemSP.get());
+            META_LOGE("content confuse. type %d, mMemSP %p", mType, mObjects);
             return false;
         }
-        mMemSP->erase(mMemSP->begin() + static_cast<ptrdiff_t>(at));
+        blobs()->erase(blobs()->begin() + static_cast<ptrdiff_t>(at));
         --mCount;
         return true;
     }
-    if (!mBasicDataSP) {
+    if (mHeld != Held::kBytes) {
         --mCount;  // a broken inline state is tolerated here
         return true;
     }
     const size_t e = static_cast<size_t>(_typeSize());
     const size_t count = static_cast<size_t>(mCount);
-    uint8_t* bytes = mBasicDataSP->data();
-    if (at + 1 < count) std::memmove(bytes + at * e, bytes + (at + 1) * e, (count - at - 1) * e);
-    // A content reduced to one element keeps its one-element byte array.
-    mBasicDataSP->resize((count - 1) * e);
+    // A content reduced to one element keeps its one-element array.
+    if (at + 1 < count) std::memmove(mBytes + at * e, mBytes + (at + 1) * e, (count - at - 1) * e);
     --mCount;
     return true;
 }
+
+//------------------------------------------------------------------------------------------
+// The flat record
 
 size_t Content::flattenSize() const {
     const flat::EncodeScope scope;
@@ -318,14 +391,14 @@ size_t Content::flattenSize() const {
     if (mCount == 0) return kHeaderSize;
     size_t total = kHeaderSize;
     if (mType == TYPE_IMetadata) {
-        if (!mMetaSP) META_FATAL("mMetaSP is nullptr but mCount >0");
-        for (const auto& storage : *mMetaSP)
+        if (mHeld != Held::kStorages) META_FATAL("mMetaSP is nullptr but mCount >0");
+        for (const auto& storage : *storages())
             total += 4 + (storage ? nested::flattenSize(*storage, nullptr, -1) : 0);
         return total;
     }
     if (mType == TYPE_Memory) {
-        if (!mMemSP) META_FATAL("mMemSP is nullptr but mCount >0");
-        for (const Memory& m : *mMemSP) total += 4 + m.size();
+        if (mHeld != Held::kBlobs) META_FATAL("mMemSP is nullptr but mCount >0");
+        for (const Memory& m : *blobs()) total += 4 + m.size();
         return total;
     }
     return total + static_cast<size_t>(_typeSize()) * static_cast<size_t>(mCount);
@@ -360,11 +433,10 @@ long Content::flatten(flat::Writer& w) const {
     w.putU32(static_cast<uint32_t>(mCount));
     if (mCount != 0) {
         if (mType == TYPE_Memory) {
-            if (!mMemSP) META_FATAL("mMemSP is nullptr but mCount >0");
-            for (const Memory& element : *mMemSP) {
-                const Memory m(element);
+            if (mHeld != Held::kBlobs) META_FATAL("mMemSP is nullptr but mCount >0");
+            for (const Memory& element : *blobs()) {
                 size_t n = 0;
-                const uint8_t* bytes = m.array(n);
+                const uint8_t* bytes = element.array(n);
                 // A length field holds 32 bits: a larger blob cannot be sent whole.
                 if (n > UINT32_MAX) {
                     META_LOGE("blob of %zu bytes does not fit the 32-bit length of the flat form",
@@ -375,8 +447,8 @@ long Content::flatten(flat::Writer& w) const {
                 if (n) w.put(bytes, n);
             }
         } else if (mType == TYPE_IMetadata) {
-            if (!mMetaSP) META_FATAL("mMetaSP is nullptr but mCount >0");
-            for (const auto& storage : *mMetaSP) {
+            if (mHeld != Held::kStorages) META_FATAL("mMetaSP is nullptr but mCount >0");
+            for (const auto& storage : *storages()) {
                 if (!storage) {
                     w.putU32(0);
                     continue;
@@ -395,8 +467,8 @@ long Content::flatten(flat::Writer& w) const {
         } else {
             if (mType == -1) META_FATAL("mType should valid");
             const size_t e = static_cast<size_t>(_typeSize());
-            if (mBasicDataSP)
-                w.put(mBasicDataSP->data(), e * static_cast<size_t>(mCount));
+            if (mHeld == Held::kBytes)
+                w.put(mBytes, e * static_cast<size_t>(mCount));
             else if (mCount == 1)
                 w.put(mInlineData, e);
             else
@@ -413,34 +485,48 @@ long Content::flatten(flat::Writer& w) const {
 long Content::unflatten(const void* buf, size_t size) {
     const flat::DecodeScope scope;
     flat::Reader r(buf, size);
-    // Lengths are checked before they are used: a record that claims more than the buffer
-    // holds is refused before anything is allocated for it.
-#define OUT_OF_BUFFER(needed) \
-    (META_LOGE("out of buffer %p, %p", r.at(r.pos + (needed)), r.end()), -1L)
-    if (!r.has(4)) return OUT_OF_BUFFER(kHeaderSize);
+    return unflattenPayload(r, nullptr);
+}
+
+namespace {
+
+// Lengths are checked before they are used: a record that claims more than the buffer
+// holds is refused, before anything is allocated for it, with the report of a read past
+// its end.
+long outOfBuffer(const flat::Reader& r, size_t needed) {
+    META_LOGE_AS("unflatten", "out of buffer %p, %p", r.at(r.pos + needed), r.end());
+    return -1;
+}
+
+}  // namespace
+
+long Content::unflattenPayload(flat::Reader& r, Arena* arena) {
+    if (!r.has(4)) return outOfBuffer(r, kHeaderSize);
     const uint32_t pattern = r.u32();
     if (pattern != kPattern) {
-        META_LOGE("flatten pattern not correct %x", pattern);
+        META_LOGE_AS("unflatten", "flatten pattern not correct %x", pattern);
         return -1;
     }
-    if (!r.has(8)) return OUT_OF_BUFFER(8);
+    if (!r.has(8)) return outOfBuffer(r, 8);
     mReadOnly.store(1, std::memory_order_relaxed);
     mType = static_cast<int32_t>(r.u32());
     mCount = static_cast<int32_t>(r.u32());
     if (mCount == 0) return static_cast<long>(r.pos);
-    if (mCount < 0) return OUT_OF_BUFFER(0);
+    if (mCount < 0) return outOfBuffer(r, 0);
     const size_t count = static_cast<size_t>(mCount);
 
     if (mType == TYPE_Memory) {
         // Every element carries at least its 4-byte length: refuse before allocating for a
         // count the bytes cannot hold.
-        if (count > r.remaining() / 4) return OUT_OF_BUFFER(count * 4);
-        mMemSP = std::make_shared<std::vector<Memory>>(count);
-        for (Memory& m : *mMemSP) {
-            if (!r.has(4)) return OUT_OF_BUFFER(4);
+        if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
+        releaseArrays();
+        mObjects = new Blobs(count);
+        mHeld = Held::kBlobs;
+        for (Memory& m : *blobs()) {
+            if (!r.has(4)) return outOfBuffer(r, 4);
             const uint32_t n = r.u32();
             if (n == 0) continue;
-            if (!r.has(n)) return OUT_OF_BUFFER(n);
+            if (!r.has(n)) return outOfBuffer(r, n);
             m.fastResize(n);
             std::memcpy(m.editArray(), r.here(), n);
             r.pos += n;
@@ -449,28 +535,27 @@ long Content::unflatten(const void* buf, size_t size) {
     }
 
     if (mType == TYPE_IMetadata) {
-        if (count > r.remaining() / 4) return OUT_OF_BUFFER(count * 4);
+        if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
         if (flat::tDecode.depth >= flat::kMaxNestingDepth) {
-            META_LOGE("nesting deeper than %d levels at %p", flat::kMaxNestingDepth, r.here());
+            META_LOGE_AS("unflatten", "nesting deeper than %d levels at %p", flat::kMaxNestingDepth,
+                         r.here());
             return -1;
         }
-        DepthGuard depth;
-        nested::release(
-            std::exchange(mMetaSP, std::make_shared<std::vector<std::shared_ptr<Storage>>>(count)));
-        for (auto& slot : *mMetaSP) {
-            if (!r.has(4)) return OUT_OF_BUFFER(4);
+        const DepthGuard depth;
+        releaseArrays();
+        mObjects = new Storages(count);
+        mHeld = Held::kStorages;
+        for (auto& slot : *storages()) {
+            if (!r.has(4)) return outOfBuffer(r, 4);
             const uint32_t n = r.u32();
             if (n == 0) continue;
-            if (!r.has(n)) return OUT_OF_BUFFER(n);
+            if (!r.has(n)) return outOfBuffer(r, n);
             if (++flat::tDecode.nested > flat::kMaxNestedContainers) {
-                META_LOGE("more than %zu nested containers at %p", flat::kMaxNestedContainers,
-                          r.here());
+                META_LOGE_AS("unflatten", "more than %zu nested containers at %p",
+                             flat::kMaxNestedContainers, r.here());
                 return -1;
             }
-            // The temporary container hands its storage out marked shared, so whoever
-            // edits the nested value later copies it first.
-            const IMetadata nested(r.here(), n);
-            slot = nested.getStorageSP();
+            slot = nested::unflatten(r.here(), n);
             // A nested block that does not decode makes the whole record malformed.
             if (!slot) return -1;
             r.pos += n;
@@ -479,20 +564,27 @@ long Content::unflatten(const void* buf, size_t size) {
     }
 
     if (mType == -1) {
-        META_LOGE("mType hould valid!");
+        META_LOGE_AS("unflatten", "mType hould valid!");
         return -1;
     }
     const size_t e = static_cast<size_t>(_typeSize());  // fatal for a corrupt type code
     const size_t n = e * count;
-    if (!r.has(n)) return OUT_OF_BUFFER(n);
+    if (!r.has(n)) return outOfBuffer(r, n);
     if (count == 1) {
         std::memcpy(mInlineData, r.here(), e);
+    } else if (arena != nullptr && n > kInlineSize) {
+        releaseArrays();
+        mBytes = const_cast<uint8_t*>(r.here());  // gathered by the block's decoder
+        mCapacity = n;
+        mHeld = Held::kBytes;
+        arena->pending += n;
     } else {
-        mBasicDataSP = std::make_shared<std::vector<uint8_t>>(r.here(), r.here() + n);
+        reserveBytes(n, 0);
+        mHeld = Held::kBytes;
+        std::memcpy(mBytes, r.here(), n);
     }
     r.pos += n;
     return static_cast<long>(r.pos);
-#undef OUT_OF_BUFFER
 }
 
 }  // namespace NSCam

@@ -1,16 +1,20 @@
 #pragma once
-// IMetadata::Content: the typed array of values of one entry, always held through a
-// shared pointer by entries and table rows. It has no lock: entries serialise access under
-// their own mutex, and a content marked read-only is only read until a writer copies it.
+// IMetadata::Content: the typed array of values of one entry, always held through a shared
+// pointer by entries and table rows.
+//
+// Thread safety: none of its own. Entries serialise access under their own mutex, and a
+// content marked read-only is never changed again (writers copy it first), so any number of
+// threads may read it, with or without a lock.
 #include <zorcam/metadata/IMetadata.h>
-
-#include "FlatBytes.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <vector>
+
+#include "FlatBytes.h"
 
 namespace NSCam {
 
@@ -19,16 +23,69 @@ public:
     // Content record: pattern, type, count, then the payload.
     static constexpr uint32_t kPattern = flat::kContentPattern;
     static constexpr size_t kHeaderSize = flat::kContentHeader;
-    static constexpr size_t kInlineSize = 16;  // the largest basic element (MRect)
+    // The one element of a basic type kept without an array (16: the largest, MRect), and
+    // the room a small array takes in place: no allocation for arrays up to 16 bytes.
+    static constexpr size_t kInlineSize = 16;
+
+    // Which kind of element array a content holds; at most one, decided by its type.
+    enum class Held : uint8_t {
+        kNothing,   // no array: count 0, or one basic element in mInlineData
+        kBytes,     // basic elements back to back (mBytes)
+        kStorages,  // nested containers: std::vector<std::shared_ptr<Storage>> (mObjects)
+        kBlobs,     // blobs: std::vector<Memory> (mObjects)
+    };
+
+    // For a content decoded into a block with others: arrays that do not fit in place are
+    // left pointing into the input (whose bounds these are) and counted, for the decoder of
+    // the block to gather into one allocation for all of them once the block is read.
+    struct Arena {
+        const uint8_t* inputBegin;
+        const uint8_t* inputEnd;
+        size_t pending;
+    };
 
     Content();
     // From one flat content record; `err` is 1 when the record was refused (the content is
     // then empty, type -1).
     Content(const void* buf, size_t size, int& err);
-    // A writable copy: new vectors, shared blob bytes and shared nested storages.
+    // As above, leaving arrays that do not fit in place to `arena`.
+    Content(const void* buf, size_t size, int& err, Arena* arena);
+    // A record of a basic type (or of no elements) whose header and payload the decoder of a
+    // block has checked: `n` payload bytes at `payload`. Read-only, as every decoded content.
+    Content(int32_t type, int32_t count, const uint8_t* payload, size_t n, Arena* arena)
+        : mType(type),
+          mCount(count),
+          mReadOnly(1),
+          mHeld(Held::kNothing),
+          mBytesOwned(false),
+          mCapacity(0),
+          mBytes(nullptr),
+          mObjects(nullptr) {
+        countBy(1);
+        if (count == 1) {
+            std::memcpy(mInlineData, payload, n);
+        } else if (count > 1) {
+            if (n <= kInlineSize) {
+                mBytes = mInlineData;
+                mCapacity = kInlineSize;
+                std::memcpy(mBytes, payload, n);
+            } else {
+                mBytes = const_cast<uint8_t*>(payload);  // gathered by the block's decoder
+                mCapacity = n;
+                arena->pending += n;
+            }
+            mHeld = Held::kBytes;
+        }
+    }
+    // A writable copy: new arrays, shared blob bytes and shared nested storages.
     Content(Content& other);
     ~Content();
     Content& operator=(const Content&) = delete;
+
+    // A fresh content, and a writable copy of one, each in one pooled block with its
+    // reference counts: no heap allocation in the steady state.
+    static std::shared_ptr<Content> make();
+    static std::shared_ptr<Content> copyOf(Content& other);
 
     bool clear();
     int32_t _typeSize() const;
@@ -37,6 +94,15 @@ public:
     // overwrites `size` elements from there.
     bool update(int index, const void* data, size_t size, int type);
     const void* getBasicData(int index, int type) const;
+    // getBasicData's answer when it has one, without a report; null otherwise (the caller
+    // then asks getBasicData, which reports why).
+    const void* basicAt(int index, int type) const {
+        if (index < 0 || index >= mCount || mType != type || type < 0 || type > TYPE_MRect)
+            return nullptr;
+        if (mHeld == Held::kBytes)
+            return mBytes + static_cast<size_t>(index) * static_cast<size_t>(kTypeFacts[type].size);
+        return mCount == 1 ? mInlineData : nullptr;
+    }
     std::shared_ptr<Storage> getMetadata(int index, int type) const;
     std::shared_ptr<std::vector<uint8_t>> getMemory(int index, int type) const;
     bool remove(int index);
@@ -52,23 +118,49 @@ public:
     bool isReadOnly() const { return mReadOnly.load(std::memory_order_relaxed) != 0; }
     void markReadOnly() { mReadOnly.store(1, std::memory_order_relaxed); }
 
-    // Live contents; a statistic (+1 per constructor, -1 per destructor).
+    // The arrays, when held.
+    std::vector<std::shared_ptr<Storage>>* storages() const {
+        return mHeld == Held::kStorages
+                   ? static_cast<std::vector<std::shared_ptr<Storage>>*>(mObjects)
+                   : nullptr;
+    }
+    std::vector<Memory>* blobs() const {
+        return mHeld == Held::kBlobs ? static_cast<std::vector<Memory>*>(mObjects) : nullptr;
+    }
+    // The basic elements: the array when there is one, else the inline element.
+    const uint8_t* elements() const { return mHeld == Held::kBytes ? mBytes : mInlineData; }
+
+    // Live contents; a statistic (+1 per constructor, -1 per destructor), racy by design:
+    // a plain load and store, no locked instruction on the way.
     static std::atomic<int64_t> mStatNum;
+    static void countBy(int64_t delta) {
+        mStatNum.store(mStatNum.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+    }
     // Exported for statistics, never written.
     static int64_t mStatSize;
 
     int32_t mType;
     int32_t mCount;
-    alignas(8) uint8_t mInlineData[kInlineSize];
-    std::shared_ptr<std::vector<uint8_t>> mBasicDataSP;
-    std::shared_ptr<std::vector<std::shared_ptr<Storage>>> mMetaSP;
-    std::shared_ptr<std::vector<Memory>> mMemSP;
     // Set once the content may be reachable from more than one holder. Atomic because
     // entries on different locks may mark one shared content at the same time.
     std::atomic<int32_t> mReadOnly;
+    Held mHeld;
+    bool mBytesOwned;  // mBytes is this content's own heap array (not in place, not an arena's)
+    size_t mCapacity;  // bytes mBytes can hold without moving
+    uint8_t* mBytes;   // the byte array: mInlineData, a heap array or an arena's bytes
+    void* mObjects;    // the vector of storages or of blobs
+    alignas(8) uint8_t mInlineData[kInlineSize];
 
 private:
-    void reset();
+    void construct(const void* buf, size_t size, int& err, Arena* arena);
+    void releaseArrays();
+    bool updateStorages(bool append, size_t start, const void* data, size_t size);
+    bool updateBlobs(bool append, size_t start, const void* data, size_t size);
+    bool updateBytes(bool append, size_t start, const void* data, size_t size);
+    // Room for `bytes` in the byte array, keeping its first `keep` bytes.
+    void reserveBytes(size_t bytes, size_t keep);
+    long unflattenPayload(flat::Reader& r, Arena* arena);
+    bool refuseElement(int index, int type, const char* operation) const;
 };
 
 // Applies a macro to each of the eleven stored element types.

@@ -79,11 +79,26 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
         LOG_TAG, LOG_MODULE, __func__, __LINE__, __FILE__ \
     }
 
-// An error line written as if by the operation `func` (a literal or a string that outlives the
+// Lines written as if by the operation `func` (a literal, or a string that outlives the
 // call): for helpers that report on behalf of the public operation a caller knows.
-#define META_LOGE_AS(func, fmt, ...)                                                         \
-    ::NSCam::diag::error(::NSCam::diag::Site{LOG_TAG, LOG_MODULE, func, __LINE__, __FILE__}, \
-                         "%s(%d):" fmt, func, __LINE__, ##__VA_ARGS__)
+#define META_LOG_SITE_AS_(func)                       \
+    ::NSCam::diag::Site {                             \
+        LOG_TAG, LOG_MODULE, func, __LINE__, __FILE__ \
+    }
+#define META_LOGE_AS(func, fmt, ...) \
+    ::NSCam::diag::error(META_LOG_SITE_AS_(func), "%s(%d):" fmt, func, __LINE__, ##__VA_ARGS__)
+#define META_LOGE_CALLSTACK_AS(func, fmt, ...)                                              \
+    do {                                                                                    \
+        if (::NSCam::diag::callStackOn())                                                   \
+            ::NSCam::diag::errorWithCallStack(META_LOG_SITE_AS_(func), "%s(%d):" fmt, func, \
+                                              __LINE__, ##__VA_ARGS__);                     \
+    } while (0)
+#define META_FATAL_AS(func, fmt, ...)                                                   \
+    ::NSCam::diag::fatal(META_LOG_SITE_AS_(func), false, "%s(%d):" fmt, func, __LINE__, \
+                         ##__VA_ARGS__)
+#define META_FATAL_FLUSH_AS(func, fmt, ...)                                            \
+    ::NSCam::diag::fatal(META_LOG_SITE_AS_(func), true, "%s(%d):" fmt, func, __LINE__, \
+                         ##__VA_ARGS__)
 
 #define META_LOGD(fmt, ...)                                                         \
     do {                                                                            \

@@ -112,18 +112,33 @@ std::shared_ptr<Content> IEntry::getContentSP() const {
     return mContentPtr;
 }
 
+std::shared_ptr<Content> IEntry::share(uint32_t& tag) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    tag = mTag.load(std::memory_order_relaxed);
+    if (mContentPtr) mContentPtr->markReadOnly();
+    return mContentPtr;
+}
+
+std::shared_ptr<Content> IEntry::shareIfTagged(uint32_t& tag) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    tag = mTag.load(std::memory_order_relaxed);
+    if (tag == 0xFFFFFFFFu) return nullptr;
+    if (mContentPtr) mContentPtr->markReadOnly();
+    return mContentPtr;
+}
+
 std::shared_ptr<Content> IEntry::_ContentMakeWritable() {
     // Sharing is decided by the read-only mark alone, never by the owner count: a content
     // once handed out is copied even when this entry has become its only owner.
     if (!mContentPtr) {
-        mContentPtr = std::make_shared<Content>();
+        mContentPtr = Content::make();
         return nullptr;
     }
     if (!mContentPtr->isReadOnly()) return nullptr;
     // The replaced content goes back to the caller, who keeps it until the edit is done:
     // the values being written may live inside it (a pointer from this entry's data()),
     // and this entry may have been its last owner.
-    std::shared_ptr<Content> previous = std::make_shared<Content>(*mContentPtr);
+    std::shared_ptr<Content> previous = Content::copyOf(*mContentPtr);
     previous.swap(mContentPtr);
     return previous;
 }
@@ -243,11 +258,11 @@ int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) con
             if (ok) {
                 for (size_t i = 0; i < count; ++i) {
                     if constexpr (std::is_same<T, Memory>::value) {
-                        ok = ok && c.mMemSP;
-                        if (ok) array[i] = (*c.mMemSP)[index + i];
+                        ok = ok && c.blobs();
+                        if (ok) array[i] = (*c.blobs())[index + i];
                     } else {
-                        ok = ok && c.mMetaSP;
-                        if (ok) array[i] = IMetadata((*c.mMetaSP)[index + i]);
+                        ok = ok && c.storages();
+                        if (ok) array[i] = IMetadata((*c.storages())[index + i]);
                     }
                 }
             }

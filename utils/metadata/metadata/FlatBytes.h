@@ -79,6 +79,10 @@ struct Writer {
         return w;
     }
     bool overflowed() const { return pos > capacity; }
+    // True when `n` more bytes fit both the declared capacity and the real buffer: the caller
+    // may then write them at here() directly.
+    bool fits(size_t n) const { return pos <= room() && room() - pos >= n; }
+    uint8_t* here() const { return root + origin + pos; }
     // Addresses for log lines only, computed as integers.
     const void* at(size_t offset) const {
         return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(root) + origin + offset);

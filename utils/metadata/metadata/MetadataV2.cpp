@@ -6,8 +6,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <optional>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "BoundedText.h"
 #include "Content.h"
@@ -15,6 +16,9 @@
 #include "FlatBytes.h"
 #include "ItemTable.h"
 #include "Nested.h"
+#include "Pool.h"
+#include "Readers.h"
+#include "Sync.h"
 
 namespace NSCam {
 
@@ -31,6 +35,10 @@ using flat::kStorageHeader;
 using flat::kStorageMagic;
 constexpr uint32_t kNoTag = 0xFFFFFFFFu;
 constexpr uint32_t kValidBit = 0x80000000u;
+
+std::shared_ptr<Storage> newStorage() {
+    return std::allocate_shared<Storage>(pool::PoolAllocator<Storage>());
+}
 
 }  // namespace
 
@@ -65,7 +73,7 @@ bool Storage::getTagByIndex(size_t index, uint32_t& tag) const {
         META_LOGE("index %zu out of range %d", index, static_cast<int>(mItemTable.size()));
         return false;
     }
-    tag = mItemTable.at(index).tag;
+    tag = mItemTable.rowTag(index);
     return true;
 }
 
@@ -76,26 +84,26 @@ bool Storage::getContentSPByIndex(size_t index, std::shared_ptr<Content>& conten
         content.reset();
         return false;
     }
-    const Storage::Item& item = mItemTable.at(index);
-    tag = item.tag;
-    content = item.content;
+    tag = mItemTable.rowTag(index);
+    content = mItemTable.contentSPAt(index);
     return true;
 }
 
 namespace {
 
 // The rows a flatten writes: all of them in row order, or the listed tags in list order
-// (absent tags skipped, repeated tags repeated).
+// (absent tags skipped, repeated tags repeated). `fn(tag, content)`; the content may be null.
 template <typename Fn>
 void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, Fn&& fn) {
     if (tags == nullptr) {
-        for (const auto& item : table.items()) fn(item);
+        table.forEachRow(fn);
         return;
     }
     const uint32_t n = static_cast<uint32_t>(count);
     for (uint32_t i = 0; i < n; ++i) {
-        const uint16_t row = table.getIndexByTag(tags[i]);
-        if (row != ItemTable::kNoRow) fn(table.at(row));
+        const uint16_t row = table.rowOf(tags[i]);
+        if (row != ItemTable::kNoRow)
+            fn(tags[i], static_cast<const Content*>(table.rowContent(row)));
     }
 }
 
@@ -103,8 +111,8 @@ void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, F
 
 size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count) {
     size_t total = kStorageHeader;
-    forEachSelected(s.mItemTable, tags, count, [&total](const Storage::Item& item) {
-        total += kRecordHead + (item.content ? item.content->flattenSize() : 0);
+    forEachSelected(s.mItemTable, tags, count, [&total](uint32_t, const Content* content) {
+        total += kRecordHead + (content ? content->flattenSize() : 0);
     });
     return total;
 }
@@ -121,10 +129,10 @@ nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, cons
     // such a content once kMaxNestingDepth containers enclose it, and counts every non-empty
     // slot (an empty one is written as length 0 and costs it nothing).
     auto visit = [&](const Content* c, int depth) {
-        if (c == nullptr || c->mType != TYPE_IMetadata || c->mCount == 0 || !c->mMetaSP)
+        if (c == nullptr || c->mType != TYPE_IMetadata || c->mCount == 0 || !c->storages())
             return Limit::kNone;
         if (depth >= flat::kMaxNestingDepth) return Limit::kDepth;
-        for (const auto& storage : *c->mMetaSP) {
+        for (const auto& storage : *c->storages()) {
             if (!storage) continue;
             if (++containers > flat::kMaxNestedContainers) return Limit::kContainers;
             open.push_back(Open{storage.get(), depth + 1});
@@ -136,19 +144,18 @@ nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, cons
         broken = visit(lone, 0);
     } else {
         size_t records = 0;
-        forEachSelected(root->mItemTable, tags, count, [&](const Storage::Item& item) {
+        forEachSelected(root->mItemTable, tags, count, [&](uint32_t, const Content* content) {
             ++records;
-            if (broken == Limit::kNone) broken = visit(item.content.get(), 0);
+            if (broken == Limit::kNone) broken = visit(content, 0);
         });
         if (records > static_cast<size_t>(flat::kMaxRecords)) return Limit::kRecords;
     }
     while (broken == Limit::kNone && !open.empty()) {
         const Open next = open.back();
         open.pop_back();
-        for (const Storage::Item& item : next.storage->mItemTable.items()) {
-            broken = visit(item.content.get(), next.depth);
-            if (broken != Limit::kNone) break;
-        }
+        const ItemTable& table = next.storage->mItemTable;
+        for (size_t r = 0; r < table.size() && broken == Limit::kNone; ++r)
+            broken = visit(table.rowContent(r), next.depth);
     }
     return broken;
 }
@@ -181,6 +188,78 @@ bool sendable(const char* operation, const Storage* root, const Content* lone, c
     return false;
 }
 
+// The whole block of `table` (every row) when it fits `w`, written with one pass over the
+// rows and one copy of each payload; false, with nothing written, when the block holds a
+// content that is not of a basic type (or is too large to be sure of), so that the careful
+// writer below does the work and the reports.
+bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
+    size_t need = kStorageHeader;
+    bool basic = true;
+    table.forEachRow([&need, &basic](uint32_t, const Content* c) {
+        need += kRecordHead;
+        if (c == nullptr) return;
+        if (c->mCount == 0) {
+            need += Content::kHeaderSize;
+            return;
+        }
+        const TypeFacts* facts = typeFacts(c->mType);
+        // Anything else (and a broken content, which must meet its fatal check) goes the
+        // careful way.
+        if (facts == nullptr || !facts->basic || c->mCount < 0 ||
+            (c->mHeld != Content::Held::kBytes && c->mCount != 1))
+            basic = false;
+        else
+            need += Content::kHeaderSize +
+                    static_cast<size_t>(facts->size) * static_cast<size_t>(c->mCount);
+    });
+    if (!basic || !w.fits(need)) return false;
+    uint8_t* out = w.here();
+    auto put32 = [&out](uint32_t v) {
+        std::memcpy(out, &v, 4);
+        out += 4;
+    };
+    put32(kStorageMagic);
+    put32(static_cast<uint32_t>(table.size()));
+    table.forEachRow([&out, &put32](uint32_t tag, const Content* c) {
+        put32(tag);
+        if (c == nullptr) {
+            put32(0);
+            return;
+        }
+        const size_t payload = c->mCount == 0 ? 0
+                                              : static_cast<size_t>(kTypeFacts[c->mType].size) *
+                                                    static_cast<size_t>(c->mCount);
+        const uint32_t head[4] = {static_cast<uint32_t>(Content::kHeaderSize + payload),
+                                  Content::kPattern, static_cast<uint32_t>(c->mType),
+                                  static_cast<uint32_t>(c->mCount)};
+        std::memcpy(out, head, sizeof(head));
+        out += sizeof(head);
+        // The usual payloads are one element of up to 16 bytes: copied as fixed sizes.
+        const uint8_t* from = c->elements();
+        switch (payload) {
+            case 1:
+                *out = *from;
+                break;
+            case 4:
+                std::memcpy(out, from, 4);
+                break;
+            case 8:
+                std::memcpy(out, from, 8);
+                break;
+            case 16:
+                std::memcpy(out, from, 16);
+                break;
+            default:
+                std::memcpy(out, from, payload);
+                break;
+        }
+        out += payload;
+    });
+    w.pos += need;
+    written = static_cast<long>(need);
+    return true;
+}
+
 }  // namespace
 
 long Storage::flattenSize(const uint32_t* tags, long count) const {
@@ -195,8 +274,12 @@ long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) 
         return -1;
     }
     const flat::EncodeScope scope;
-    if (scope.outermost && !sendable("flatten", this, nullptr, tags, count)) return -1;
     flat::Writer w(buf, size);
+    long written = 0;
+    // Rows of basic values only need no walk of nested containers and no limit but the count
+    // of records, which a table cannot exceed.
+    if (tags == nullptr && flattenBasicRows(mItemTable, w, written)) return written;
+    if (scope.outermost && !sendable("flatten", this, nullptr, tags, count)) return -1;
     return nested::flatten(*this, w, tags, count);
 }
 
@@ -206,31 +289,31 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
     uint32_t records = 0;
     uint32_t failedTag = 0;
     bool failed = false;
-    forEachSelected(s.mItemTable, tags, count, [&](const Storage::Item& item) {
+    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const Content* content) {
         if (failed) return;
         const size_t head = w.pos;
-        w.putU32At(head, item.tag);
+        w.putU32At(head, tag);
         w.pos = head + kRecordHead;
         long length = 0;
-        if (item.content) {
+        if (content) {
             // A record's length field holds 32 bits: a longer record is refused before any
             // of it is written, never cut to its low bits.
-            const size_t need = item.content->flattenSize();
+            const size_t need = content->flattenSize();
             if (need > UINT32_MAX) {
                 META_LOGE_AS("flatten",
                              "record of tag %x needs %zu bytes, more than a 32-bit length holds",
-                             item.tag, need);
+                             tag, need);
                 failed = true;
-                failedTag = item.tag;
+                failedTag = tag;
                 return;
             }
             // Only the content writer is given the remaining capacity; the heads are
             // written first and the whole block judged once at the end.
             flat::Writer body = w.sub(w.pos);
-            length = item.content->flatten(body);
+            length = content->flatten(body);
             if (length < 0) {
                 failed = true;
-                failedTag = item.tag;
+                failedTag = tag;
                 return;
             }
         }
@@ -239,16 +322,168 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
         ++records;
     });
     if (failed) {
-        META_LOGE("encoding tag %x fail , size %d", failedTag, -1);
+        META_LOGE_AS("flatten", "encoding tag %x fail , size %d", failedTag, -1);
         return -1;
     }
     w.putU32At(4, records);
     if (w.overflowed()) {
-        META_LOGE("flatten buffer overflow!!!!!! %p %p", w.at(w.pos), w.at(w.capacity));
+        META_LOGE_AS("flatten", "flatten buffer overflow!!!!!! %p %p", w.at(w.pos),
+                     w.at(w.capacity));
         return -1;
     }
     return static_cast<long>(w.pos);
 }
+
+namespace {
+
+// What a storage decoded from bytes lives in: one allocation holding every content of the
+// block and the chunks of its rows, shared by the table through one reference for the whole
+// block, none per row. The bytes of arrays too long to sit in their contents are gathered
+// into one more allocation, made once their total is known.
+struct DecodeBlock {
+    size_t records;    // room for this many contents
+    size_t built = 0;  // contents constructed so far
+    size_t chunks = 0;
+    uint8_t* arena = nullptr;
+
+    explicit DecodeBlock(size_t n) : records(n) {}
+    ~DecodeBlock() {
+        for (size_t i = 0; i < chunks; ++i) {
+            ItemTable::Chunk* c = chunk(i);
+            for (uint32_t r = 0; r < c->capacity; ++r) c->rows()[r].~Row();
+            c->~Chunk();
+        }
+        for (size_t i = 0; i < built; ++i) content(i)->~Content();
+        ::operator delete(arena);
+    }
+
+    Content* content(size_t i) { return reinterpret_cast<Content*>(this + 1) + i; }
+    ItemTable::Chunk* chunk(size_t i) {
+        return reinterpret_cast<ItemTable::Chunk*>(reinterpret_cast<uint8_t*>(content(records)) +
+                                                   i * kChunkBytes);
+    }
+    static size_t bytesFor(size_t records) {
+        const size_t full = records / kRows, rest = records % kRows;
+        return sizeof(DecodeBlock) + records * sizeof(Content) + full * kChunkBytes +
+               (rest ? sizeof(ItemTable::Chunk) + rest * sizeof(ItemTable::Chunk::Row) : 0);
+    }
+
+    static constexpr uint32_t kRows = ItemTable::Chunk::kRows;
+    static constexpr size_t kChunkBytes =
+        sizeof(ItemTable::Chunk) + kRows * sizeof(ItemTable::Chunk::Row);
+};
+static_assert(sizeof(DecodeBlock) % alignof(Content) == 0, "contents follow the header");
+static_assert(sizeof(Content) % alignof(ItemTable::Chunk) == 0, "chunks follow the contents");
+
+// Room at the front of a block's allocation for its shared pointer's reference counts.
+constexpr size_t kControlRoom = 64;
+
+// Gives std::shared_ptr the front of the block's own allocation for its reference counts, and
+// frees the whole allocation when they go.
+template <typename T>
+struct FrontOfBlock {
+    using value_type = T;
+    void* front;
+    explicit FrontOfBlock(void* f) : front(f) {}
+    template <typename U>
+    FrontOfBlock(const FrontOfBlock<U>& o) : front(o.front) {}
+    T* allocate(size_t n) {
+        static_assert(alignof(T) <= alignof(std::max_align_t), "the front is max-aligned");
+        if (n * sizeof(T) > kControlRoom) throw std::bad_alloc();
+        return static_cast<T*>(front);
+    }
+    void deallocate(T*, size_t) noexcept { ::operator delete(front); }
+    template <typename U>
+    bool operator==(const FrontOfBlock<U>& o) const {
+        return front == o.front;
+    }
+    template <typename U>
+    bool operator!=(const FrontOfBlock<U>& o) const {
+        return front != o.front;
+    }
+};
+
+std::shared_ptr<DecodeBlock> newBlock(size_t records) {
+    void* front = ::operator new(kControlRoom + DecodeBlock::bytesFor(records));
+    auto* block = new (static_cast<uint8_t*>(front) + kControlRoom) DecodeBlock(records);
+    try {
+        return std::shared_ptr<DecodeBlock>(
+            block, [](DecodeBlock* b) { b->~DecodeBlock(); }, FrontOfBlock<DecodeBlock>(front));
+    } catch (...) {
+        ::operator delete(front);  // the deleter ran; the allocation is still ours
+        throw;
+    }
+}
+
+// Moves the arrays that the block's contents left in the input into one allocation of the
+// block's own. Until then they point into the caller's bytes.
+void gatherArrays(DecodeBlock& block, const Content::Arena& arena) {
+    if (arena.pending == 0) return;
+    auto* bytes = static_cast<uint8_t*>(::operator new(arena.pending));
+    block.arena = bytes;
+    for (size_t i = 0; i < block.built; ++i) {
+        Content* c = block.content(i);
+        if (c->mHeld != Content::Held::kBytes || c->mBytes < arena.inputBegin ||
+            c->mBytes >= arena.inputEnd)
+            continue;
+        std::memcpy(bytes, c->mBytes, c->mCapacity);
+        c->mBytes = bytes;
+        bytes += c->mCapacity;
+    }
+}
+
+long unflattenOverflow(const flat::Reader& r, size_t needed) {
+    META_LOGE_AS("unflatten", "unflatten buffer overflow!!!!!! %p %p", r.at(r.pos + needed),
+                 r.end());
+    return -1;
+}
+
+// The records of a block, decoded into the block's contents and put in the table in order.
+long decodeRecords(ItemTable& table, flat::Reader& r, DecodeBlock& block, Content::Arena& arena) {
+    for (size_t k = 0; k < block.records; ++k) {
+        if (!r.has(kRecordHead)) return unflattenOverflow(r, kRecordHead);
+        const uint32_t tag = r.u32();
+        const uint32_t length = r.u32();
+        if (length == 0) {
+            table.putDecoded(tag, nullptr);
+            continue;
+        }
+        if (!r.has(length)) return unflattenOverflow(r, length);
+        void* room = block.content(block.built);
+        if (length >= Content::kHeaderSize) {
+            // The usual record: basic values, or no values, that fit the record. Read here;
+            // any other record is read by the content itself, with its reports.
+            uint32_t head[3];
+            std::memcpy(head, r.here(), sizeof(head));
+            const auto type = static_cast<int32_t>(head[1]);
+            const auto count = static_cast<int32_t>(head[2]);
+            const TypeFacts* facts = typeFacts(type);
+            if (head[0] == Content::kPattern && count >= 0 &&
+                (count == 0 || (facts != nullptr && facts->basic))) {
+                const size_t n =
+                    count == 0 ? 0 : static_cast<size_t>(facts->size) * static_cast<size_t>(count);
+                if (n <= length - Content::kHeaderSize) {
+                    Content* c =
+                        new (room) Content(type, count, r.here() + Content::kHeaderSize, n, &arena);
+                    ++block.built;
+                    table.putDecoded(tag, c);
+                    r.pos += length;
+                    continue;
+                }
+            }
+        }
+        int err = 0;
+        Content* c = new (room) Content(r.here(), length, err, &arena);
+        ++block.built;
+        // The row goes in first; a failed record still leaves the rows read so far.
+        table.putDecoded(tag, c);
+        if (err != 0) return -1;
+        r.pos += length;
+    }
+    return static_cast<long>(r.pos);
+}
+
+}  // namespace
 
 long Storage::unflatten(const void* buf, size_t size) {
     if (buf == nullptr) {
@@ -257,40 +492,52 @@ long Storage::unflatten(const void* buf, size_t size) {
     }
     const flat::DecodeScope scope;
     flat::Reader r(buf, size);
-#define UNFLATTEN_OVERFLOW(needed) \
-    (META_LOGE("unflatten buffer overflow!!!!!! %p %p", r.at(r.pos + (needed)), r.end()), -1L)
-    if (!r.has(4)) return UNFLATTEN_OVERFLOW(kStorageHeader);
+    if (!r.has(4)) return unflattenOverflow(r, kStorageHeader);
     const uint32_t magic = r.u32();
     if (magic != kStorageMagic) {
         META_LOGE("unflatten buffer not correct. pattern %x", magic);
         return -1;
     }
     mItemTable.clear();
-    if (!r.has(4)) return UNFLATTEN_OVERFLOW(4);
+    if (!r.has(4)) return unflattenOverflow(r, 4);
     const int32_t records = static_cast<int32_t>(r.u32());
     // Counts above what a table can hold are outside the format; each record needs at least
-    // its head, so a count the bytes cannot hold is refused before reading on.
-    if (records > static_cast<int32_t>(ItemTable::kMaxRows) ||
+    // its head, so a count the bytes cannot hold is refused before anything is allocated.
+    if (records > flat::kMaxRecords ||
         (records > 0 && static_cast<size_t>(records) > r.remaining() / kRecordHead))
-        return UNFLATTEN_OVERFLOW(static_cast<size_t>(records) * kRecordHead);
-    for (int16_t k = 0; k < records; ++k) {
-        if (!r.has(kRecordHead)) return UNFLATTEN_OVERFLOW(kRecordHead);
-        const uint32_t tag = r.u32();
-        const uint32_t length = r.u32();
-        if (length == 0) {
-            mItemTable.update(tag, nullptr);
-            continue;
-        }
-        if (!r.has(length)) return UNFLATTEN_OVERFLOW(length);
-        int err = 0;
-        auto content = std::make_shared<Content>(r.here(), length, err);
-        // The row goes in first; a failed record still leaves the rows read so far.
-        mItemTable.update(tag, content);
-        if (err != 0) return -1;
-        r.pos += length;
+        return unflattenOverflow(r, static_cast<size_t>(records) * kRecordHead);
+    if (records <= 0) return static_cast<long>(r.pos);
+
+    const auto n = static_cast<size_t>(records);
+    const std::shared_ptr<DecodeBlock> block = newBlock(n);
+    for (size_t i = 0; i * DecodeBlock::kRows < n; ++i) {
+        ItemTable::Chunk* c = new (block->chunk(i)) ItemTable::Chunk();
+        c->inBlock = true;
+        c->capacity =
+            static_cast<uint16_t>(std::min<size_t>(DecodeBlock::kRows, n - i * DecodeBlock::kRows));
+        for (uint32_t row = 0; row < c->capacity; ++row)
+            new (&c->rows()[row]) ItemTable::Chunk::Row();
+        ++block->chunks;
     }
-#undef UNFLATTEN_OVERFLOW
-    return static_cast<long>(r.pos);
+    const auto* begin = static_cast<const uint8_t*>(buf);
+    Content::Arena arena{begin, begin + size, 0};
+    try {
+        mItemTable.beginDecoded(n);
+        for (size_t i = 0; i < block->chunks; ++i) mItemTable.adoptChunk(block, i, block->chunk(i));
+        const long result = decodeRecords(mItemTable, r, *block, arena);
+        gatherArrays(*block, arena);
+        return result;
+    } catch (...) {
+        mItemTable.clear();  // no row may keep pointing into the caller's bytes
+        throw;
+    }
+}
+
+std::shared_ptr<Storage> nested::unflatten(const void* buf, size_t size) {
+    // Exactly as a container decoded from the bytes would hold it (and report a failure),
+    // handed out marked shared, so that whoever edits the nested value copies it first.
+    const IMetadata nested(buf, size);
+    return nested.getStorageSP();
 }
 
 //----------------------------------------------------------------------------------------
@@ -299,8 +546,8 @@ long Storage::unflatten(const void* buf, size_t size) {
 namespace {
 
 template <typename T>
-T readValue(const std::shared_ptr<Content>& content, uint32_t index) {
-    if (!content) return T();
+T readValue(const Content* content, uint32_t index) {
+    if (content == nullptr) return T();
     const int at = static_cast<int>(index);
     if constexpr (std::is_same<T, Memory>::value) {
         auto bytes = content->getMemory(at, TYPE_Memory);
@@ -309,7 +556,8 @@ T readValue(const std::shared_ptr<Content>& content, uint32_t index) {
         auto storage = content->getMetadata(at, TYPE_IMetadata);
         return storage ? IMetadata(storage) : IMetadata();
     } else {
-        const void* p = content->getBasicData(at, TypeCode<T>::value);
+        const void* p = content->basicAt(at, TypeCode<T>::value);
+        if (p == nullptr) p = content->getBasicData(at, TypeCode<T>::value);  // reports why
         T value{};
         if (p) std::memcpy(static_cast<void*>(&value), p, sizeof(T));
         return value;
@@ -318,26 +566,27 @@ T readValue(const std::shared_ptr<Content>& content, uint32_t index) {
 
 }  // namespace
 
+// The storage readers run under the container's lock (burst callbacks) or on a storage of
+// the caller's own: the row's content cannot go while it is read, so it is read in place.
 template <typename T>
 int Storage::readEntry(uint32_t tag, T& value, uint32_t index) const {
-    const uint16_t row = mItemTable.getIndexByTag(tag);
+    const uint16_t row = mItemTable.rowOf(tag);
     if (row == ItemTable::kNoRow) return -1;
-    const std::shared_ptr<Content> content = mItemTable.at(row).content;
-    value = readValue<T>(content, index);
+    value = readValue<T>(mItemTable.rowContent(row), index);
     return 0;
 }
 
 template <typename T>
 T Storage::read(uint32_t index, Type2Type<T>, std::shared_ptr<Content>& content) const {
-    return readValue<T>(content, index);
+    return readValue<T>(content.get(), index);
 }
 
 template <typename T>
 int Storage::readEntries(uint32_t tag, std::vector<T>& values) const {
-    const uint16_t row = mItemTable.getIndexByTag(tag);
+    const uint16_t row = mItemTable.rowOf(tag);
     if (row == ItemTable::kNoRow) return -1;
-    const std::shared_ptr<Content> content = mItemTable.at(row).content;
-    if (!content) return 0;
+    const Content* content = mItemTable.rowContent(row);
+    if (content == nullptr) return 0;
     const uint32_t count = static_cast<uint32_t>(content->mCount);
     values.resize(count);
     for (uint32_t i = 0; i < count; ++i) values.at(i) = readValue<T>(content, i);
@@ -346,7 +595,7 @@ int Storage::readEntries(uint32_t tag, std::vector<T>& values) const {
 
 template <typename T>
 void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
-    auto content = std::make_shared<Content>();
+    std::shared_ptr<Content> content = Content::make();
     content->update(static_cast<int>(index), &value, 1, TypeCode<T>::value);
     mItemTable.update(tag, content);
     content->markReadOnly();
@@ -355,7 +604,7 @@ void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
 template <typename T, typename U>
 std::shared_ptr<Content> Storage::write(const T& value, Type2Type<U>, uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    auto content = std::make_shared<Content>();
+    std::shared_ptr<Content> content = Content::make();
     content->update(static_cast<int>(index), &value, 1, TypeCode<U>::value);
     return content;
 }
@@ -364,7 +613,7 @@ template <typename T, typename U>
 std::shared_ptr<Content> Storage::write(const T* values, size_t count, Type2Type<U>,
                                         uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    auto content = std::make_shared<Content>();
+    std::shared_ptr<Content> content = Content::make();
     content->update(static_cast<int>(index), values, count, TypeCode<U>::value);
     return content;
 }
@@ -375,7 +624,7 @@ void Storage::writeEntries(uint32_t tag, const T* values, size_t count, uint32_t
         mItemTable.update(tag, nullptr);
         return;
     }
-    auto content = std::make_shared<Content>();
+    std::shared_ptr<Content> content = Content::make();
     content->update(static_cast<int>(index), values, count, TypeCode<T>::value);
     content->markReadOnly();
     mItemTable.update(tag, content);
@@ -396,16 +645,37 @@ ZORCAM_FOR_EACH_VALUE_TYPE(ZORCAM_STORAGE_FAMILIES)
 //----------------------------------------------------------------------------------------
 // IMetadata
 
+namespace {
+
+// Brackets a change of a container for its readers without the lock: the count is odd while
+// the change is under way, and moves on by two with each change.
+class Writing {
+public:
+    explicit Writing(std::atomic<uint32_t>& sequence) : mSequence(sequence) {
+        mSequence.store(mSequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        releaseFence();  // the odd count is seen before anything the change writes
+    }
+    ~Writing() {
+        mSequence.store(mSequence.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+    Writing(const Writing&) = delete;
+    Writing& operator=(const Writing&) = delete;
+
+private:
+    std::atomic<uint32_t>& mSequence;
+};
+
+}  // namespace
+
 // A destroyed container is never used again; every checked operation ends the process when
 // it meets one, naming itself.
-#define CHECK_VALID()                                                         \
-    do {                                                                      \
-        if (__builtin_expect(validNum() == 0, 0))                             \
-            META_FATAL_FLUSH(                                                 \
-                "this %p object already be free! mValidNum invalid(%x) "      \
-                "mValidNumBackup(%x)",                                        \
-                static_cast<const void*>(this), validNum(), mValidNumBackup); \
-    } while (0)
+void IMetadata::checkValid(const char* operation) const {
+    if (__builtin_expect(validNum() != 0, 1)) return;
+    META_FATAL_FLUSH_AS(operation,
+                        "this %p object already be free! mValidNum invalid(%x) "
+                        "mValidNumBackup(%x)",
+                        static_cast<const void*>(this), validNum(), mValidNumBackup);
+}
 
 void IMetadata::assignValidNumber() {
     // A plain increment, racy by design: two constructors racing may share a number, and only
@@ -420,6 +690,8 @@ IMetadata::IMetadata()
     : mHeadMarker(kHeadMarker),
       mValidNum(0),
       mValidNumBackup(0),
+      mStorageRaw(nullptr),
+      mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
     assignValidNumber();
@@ -430,8 +702,11 @@ IMetadata::IMetadata(const IMetadata& other)
       mValidNum(0),
       mValidNumBackup(0),
       mStorage(other.getStorageSP()),
+      mStorageRaw(mStorage.get()),
+      mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
+    if (mStorage) mStorage->mItemTable.publish();
     assignValidNumber();
 }
 
@@ -440,8 +715,11 @@ IMetadata::IMetadata(const std::shared_ptr<Storage>& storage)
       mValidNum(0),
       mValidNumBackup(0),
       mStorage(storage),
+      mStorageRaw(mStorage.get()),
+      mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
+    if (mStorage) mStorage->mItemTable.publish();
     assignValidNumber();
 }
 
@@ -449,48 +727,62 @@ IMetadata::IMetadata(const void* buf, size_t size)
     : mHeadMarker(kHeadMarker),
       mValidNum(0),
       mValidNumBackup(0),
+      mStorageRaw(nullptr),
+      mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
-    auto storage = std::make_shared<Storage>();
-    if (storage->unflatten(buf, size) < 0)
+    std::shared_ptr<Storage> storage = newStorage();
+    if (storage->unflatten(buf, size) < 0) {
         META_LOGE("unflatten error %p, size %zu", buf, size);
-    else
+    } else {
+        storage->mItemTable.publish();
         mStorage = std::move(storage);
+        mStorageRaw.store(mStorage.get(), std::memory_order_release);
+    }
     assignValidNumber();
 }
 
 IMetadata::~IMetadata() {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
+    // A reader without the lock on a container being destroyed is a use after destruction:
+    // the storage goes at once.
     mStorage.reset();
     --mHeadMarker;
     mValidNum.store(0, std::memory_order_relaxed);  // mValidNumBackup keeps what it was
     --mTailMarker;
 }
 
+void IMetadata::installLocked(std::shared_ptr<Storage> storage) const {
+    if (storage) storage->mItemTable.publish();
+    std::shared_ptr<Storage> old = std::exchange(mStorage, std::move(storage));
+    mStorageRaw.store(mStorage.get(), std::memory_order_release);
+    if (old) readers::retire(std::move(old));
+}
+
 void IMetadata::makeWritableLocked() const {
     if (!mStorage) {
-        mStorage = std::make_shared<Storage>();
+        installLocked(newStorage());
         return;
     }
     // The shared flag alone decides: a storage once handed out is cloned even when this
     // container is its last owner. The values stay shared; they copy on write themselves.
     if (mStorage->mShared.load(std::memory_order_relaxed) == 0) return;
-    auto clone = std::make_shared<Storage>();
-    clone->mItemTable = mStorage->mItemTable;
-    mStorage = std::move(clone);
+    std::shared_ptr<Storage> clone = newStorage();
+    clone->mItemTable = mStorage->mItemTable;  // rows shared chunk by chunk
+    installLocked(std::move(clone));
 }
 
 std::shared_ptr<Storage> IMetadata::getStorageSP() const {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
     if (mStorage) mStorage->mShared.store(1, std::memory_order_relaxed);
     return mStorage;
 }
 
 bool IMetadata::isEmpty() const {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
     if (!mStorage) return true;
     mStorage->mShared.store(1, std::memory_order_relaxed);
     return mStorage->mItemTable.size() == 0;
@@ -498,7 +790,7 @@ bool IMetadata::isEmpty() const {
 
 uint32_t IMetadata::count() const {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
     if (!mStorage) return 0;
     mStorage->mShared.store(1, std::memory_order_relaxed);
     return static_cast<uint32_t>(mStorage->mItemTable.size());
@@ -510,15 +802,16 @@ uint32_t IMetadata::lockedRowCount() const {
 }
 
 void IMetadata::clear() {
-    std::shared_ptr<Storage> old;
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
-    old.swap(mStorage);
+    checkValid(__func__);
+    const Writing writing(mSequence);
+    installLocked(nullptr);
 }
 
 int IMetadata::remove(uint32_t tag) {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
+    const Writing writing(mSequence);
     makeWritableLocked();
     return mStorage->mItemTable.remove(tag) ? 0 : -1;
 }
@@ -530,34 +823,31 @@ int IMetadata::sort() {
 int IMetadata::update(uint32_t tag, const IEntry& entry) {
     // The entry is read once, under its own lock, before the container's is taken (the two
     // are never held together). Its tag and values must come from that one look: read
-    // separately, an assignment to the entry in between would file one entry's values
-    // under another's tag.
-    const IEntry snapshot(entry);
-    const uint32_t entryTag = snapshot.tag();
+    // separately, an assignment to the entry in between would file one entry's values under
+    // another's tag.
+    uint32_t entryTag = kNoTag;
+    std::shared_ptr<Content> content = entry.share(entryTag);
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    return update(tag, snapshot.getContentSP());
+    return update(tag, content);
 }
 
 int IMetadata::update(const IEntry& entry) {
-    // Tag and values are taken from one copy of the entry, as above; an entry refused for
-    // its tag is left exactly as it was (no copy marks its values shared).
-    uint32_t tag = entry.tag();
-    std::optional<IEntry> snapshot;
-    if (tag != kNoTag) {
-        snapshot.emplace(entry);
-        tag = snapshot->tag();
-    }
+    // Tag and values are taken in one look at the entry, as above; an entry refused for its
+    // tag is left exactly as it was (its values are not marked shared).
+    uint32_t tag = kNoTag;
+    std::shared_ptr<Content> content = entry.shareIfTagged(tag);
     if (tag == kNoTag) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, snapshot->getContentSP());
+    return update(tag, content);
 }
 
 int IMetadata::update(uint32_t tag, const std::shared_ptr<Content>& content) {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
+    const Writing writing(mSequence);
     makeWritableLocked();
     if (!mStorage->mItemTable.update(tag, content)) {
         META_LOGE("table full (%zu rows), tag %x not stored", ItemTable::kMaxRows, tag);
@@ -567,19 +857,27 @@ int IMetadata::update(uint32_t tag, const std::shared_ptr<Content>& content) {
 }
 
 IEntry IMetadata::entryFor(uint32_t tag, int take) const {
-    CHECK_VALID();  // before locking, unlike every other operation
-    std::lock_guard<std::mutex> guard(mLock);
-    if (mStorage) {
-        if (take) makeWritableLocked();
-        ItemTable& table = mStorage->mItemTable;
-        const uint16_t row = table.getIndexByTag(tag);
-        if (row != ItemTable::kNoRow) {
-            std::shared_ptr<Content> content = table.at(row).content;
-            if (take) table.remove(tag);
-            return IEntry(tag, std::move(content));
+    checkValid(__func__);  // before locking, unlike every other operation
+    std::shared_ptr<Content> content;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (!mStorage) return IEntry(kNoTag);
+        if (take) {
+            const Writing writing(mSequence);
+            makeWritableLocked();
+            ItemTable& table = mStorage->mItemTable;
+            const uint16_t row = table.rowOf(tag);
+            if (row == ItemTable::kNoRow) return IEntry(kNoTag);
+            content = table.contentSPAt(row);
+            table.remove(tag);
+        } else {
+            const ItemTable& table = mStorage->mItemTable;
+            const uint16_t row = table.rowOf(tag);
+            if (row == ItemTable::kNoRow) return IEntry(kNoTag);
+            content = table.contentSPAt(row);
         }
     }
-    return IEntry(kNoTag);
+    return IEntry(tag, std::move(content));
 }
 
 IEntry IMetadata::takeEntryFor(uint32_t tag) {
@@ -587,15 +885,14 @@ IEntry IMetadata::takeEntryFor(uint32_t tag) {
 }
 
 IEntry IMetadata::entryAt(uint32_t index) const {
-    std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
-    if (mStorage) {
-        std::shared_ptr<Content> content;
-        uint32_t tag = kNoTag;
-        if (mStorage->getContentSPByIndex(index, content, tag))
-            return IEntry(tag, std::move(content));
+    std::shared_ptr<Content> content;
+    uint32_t tag = kNoTag;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        checkValid(__func__);
+        if (!mStorage || !mStorage->getContentSPByIndex(index, content, tag)) return IEntry(kNoTag);
     }
-    return IEntry(kNoTag);
+    return IEntry(tag, std::move(content));
 }
 
 int IMetadata::burstRead(const std::function<int(const BurstEntry&)>& fn) const {
@@ -607,31 +904,39 @@ int IMetadata::burstRead(const std::function<int(const BurstEntry&)>& fn) const 
 
 void IMetadata::burstWrite(const std::function<void(BurstEntry&)>& fn) {
     std::lock_guard<std::mutex> guard(mLock);
+    const Writing writing(mSequence);
     makeWritableLocked();
     fn(*mStorage);
 }
 
 long IMetadata::flattenSize(const uint32_t* tags, long count) const {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
-    if (!mStorage) mStorage = std::make_shared<Storage>();
+    checkValid(__func__);
+    if (!mStorage) {
+        const Writing writing(mSequence);
+        installLocked(newStorage());
+    }
     mStorage->mShared.store(1, std::memory_order_relaxed);
     return mStorage->flattenSize(tags, count);
 }
 
 long IMetadata::flatten(void* buf, size_t size, const uint32_t* tags, long count) const {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
-    if (!mStorage) mStorage = std::make_shared<Storage>();
+    checkValid(__func__);
+    if (!mStorage) {
+        const Writing writing(mSequence);
+        installLocked(newStorage());
+    }
     mStorage->mShared.store(1, std::memory_order_relaxed);
     return mStorage->flatten(buf, size, tags, count);
 }
 
 long IMetadata::unflatten(void* buf, size_t size) {
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
+    const Writing writing(mSequence);
     // The old values go before the buffer is looked at; containers sharing them keep them.
-    mStorage = std::make_shared<Storage>();
+    installLocked(newStorage());
     return mStorage->unflatten(buf, size);
 }
 
@@ -646,12 +951,11 @@ IMetadata& IMetadata::operator=(const IMetadata& other) {
     // The source's storage is taken before this container is locked, so two threads
     // assigning two containers to each other cannot deadlock.
     std::shared_ptr<Storage> storage = other.getStorageSP();
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        CHECK_VALID();
-        mStorage.swap(storage);
-    }
-    return *this;  // the previous storage is released here, outside the lock
+    std::lock_guard<std::mutex> guard(mLock);
+    checkValid(__func__);
+    const Writing writing(mSequence);
+    installLocked(std::move(storage));
+    return *this;
 }
 
 IMetadata& IMetadata::operator+=(const IMetadata& other) {
@@ -659,18 +963,21 @@ IMetadata& IMetadata::operator+=(const IMetadata& other) {
     const std::shared_ptr<Storage> source = other.getStorageSP();
     if (!source) return *this;
     std::lock_guard<std::mutex> guard(mLock);
-    CHECK_VALID();
+    checkValid(__func__);
+    const Writing writing(mSequence);
     if (!mStorage) {
-        mStorage = source;  // nothing to merge into: share the other's
+        installLocked(source);  // nothing to merge into: share the other's
         return *this;
     }
     makeWritableLocked();
     // Tags in both keep this container's row and take the other's values; new tags follow
     // in the other's row order. Values are shared, not copied.
     ItemTable& table = mStorage->mItemTable;
-    for (const auto& item : source->mItemTable.items()) {
-        if (!table.update(item))
-            META_LOGE("table full (%zu rows), tag %x not merged", ItemTable::kMaxRows, item.tag);
+    const ItemTable& from = source->mItemTable;
+    for (size_t r = 0; r < from.size(); ++r) {
+        const uint32_t tag = from.rowTag(r);
+        if (!table.update(tag, from.contentSPAt(r)))
+            META_LOGE("table full (%zu rows), tag %x not merged", ItemTable::kMaxRows, tag);
     }
     return *this;
 }
@@ -706,6 +1013,8 @@ T itemOf(const IEntry& entry, uint32_t i) {
 
 void IMetadata::dump(int layer, bool force) const {
     if (mLogLevel == 0 && !force) return;
+    // Every line is a debug line: with the container's debug lines off, nothing is read.
+    if (!diag::debugOn(LOG_MODULE)) return;
     META_LOGD("layer %d", layer);
     {
         std::lock_guard<std::mutex> guard(mLock);
@@ -808,18 +1117,67 @@ void IMetadata::dump(int layer, bool force) const {
 //----------------------------------------------------------------------------------------
 // One-call typed access
 
+int IMetadata::readWithoutLock(uint32_t tag, int32_t type, size_t index, void* out,
+                               size_t size) const {
+    const readers::Section section;
+    if (!section.pinned()) return -1;
+    alignas(8) uint8_t value[Content::kInlineSize];
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        const uint32_t before = mSequence.load(std::memory_order_acquire);
+        if ((before & 1) != 0) return -1;  // a writer is at work: wait for it on the lock
+        if (validNum() == 0) return -1;    // the locked path reports it
+        int found = 0;
+        if (const Storage* s = mStorageRaw.load(std::memory_order_acquire)) {
+            // A content in a table is never changed, and one the table drops stays allocated
+            // while this section lasts: its fields are read as they are.
+            const Content* c = nullptr;
+            switch (s->mItemTable.find(tag, c)) {
+                case ItemTable::Found::kUnsure:
+                    return -1;
+                case ItemTable::Found::kAbsent:
+                    break;
+                case ItemTable::Found::kRow:
+                    if (c == nullptr) break;  // a row without values: no element
+                    // What the locked path would report (a content not marked shared, a type
+                    // that does not match, a broken content) is left to it.
+                    if (!c->isReadOnly()) return -1;
+                    if (index >= static_cast<uint32_t>(c->mCount)) break;
+                    if (c->mType != type) return -1;
+                    if (c->mHeld != Content::Held::kBytes && index != 0) return -1;
+                    std::memcpy(value, c->elements() + index * size, size);
+                    found = 1;
+                    break;
+            }
+        }
+        acquireFence();  // what was read above is read before the count is read again
+        if (mSequence.load(std::memory_order_relaxed) == before) {
+            if (found) std::memcpy(out, value, size);
+            return found;
+        }
+    }
+    return -1;
+}
+
 template <typename T>
 int IMetadata::setEntry(IMetadata* metadata, uint32_t tag, const T& value) {
     if (metadata == nullptr) return -1;
-    IEntry entry(tag);
-    entry.push_back(value, Type2Type<T>());
-    metadata->update(tag, entry);  // a caller who must know reads the entry back
+    // What an entry for the tag holding the one value, stored with update, would store:
+    // one new content, marked shared as the store marks it.
+    std::shared_ptr<Content> content = Content::make();
+    content->update(-1, &value, 1, TypeCode<T>::value);
+    content->markReadOnly();
+    metadata->update(tag, content);  // a caller who must know reads the entry back
     return 0;
 }
 
 template <typename T>
 bool IMetadata::getEntry(const IMetadata* metadata, uint32_t tag, T& value, size_t index) {
     if (metadata == nullptr) return false;
+    if constexpr (kTypeFacts[TypeCode<T>::value].basic) {
+        const int found =
+            metadata->readWithoutLock(tag, TypeCode<T>::value, index, &value, sizeof(T));
+        if (found >= 0) return found == 1;
+    }
     const IEntry entry = metadata->entryFor(tag, 0);
     if (static_cast<size_t>(entry.count()) <= index) return false;
     value = entry.itemAt(static_cast<uint32_t>(index), Type2Type<T>());

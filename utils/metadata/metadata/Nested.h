@@ -19,6 +19,10 @@ long flatten(const IMetadata::Storage& s, flat::Writer& w, const uint32_t* tags,
 // The bytes that block takes.
 size_t flattenSize(const IMetadata::Storage& s, const uint32_t* tags, long count);
 
+// The storage of a nested container decoded from its block, as the container decoder makes
+// it (a failure reported under its name); empty when the block does not decode.
+std::shared_ptr<IMetadata::Storage> unflatten(const void* buf, size_t size);
+
 // Lets go of a content's nested containers (a vector of storages, or one storage). A chain of
 // containers nested in each other is released level after level in a loop of this thread,
 // never by one destructor calling the next: a chain of any length costs no call depth.

@@ -1,6 +1,7 @@
 #pragma once
 // Small concurrency helpers shared by the library's sources.
 #include <atomic>
+#include <cstdint>
 #include <memory>
 
 #if defined(__SANITIZE_THREAD__)
@@ -27,6 +28,26 @@ bool soleOwner(const std::shared_ptr<T>& p) {
     std::atomic_thread_fence(std::memory_order_acquire);
 #endif
     return true;
+}
+
+// Fences for the sequence count of a container (see IMetadata::readWithoutLock).
+// ThreadSanitizer does not model fences (and warns on them); there a read-modify-write of one
+// word stands in, which orders at least as strongly on the hardware the tests run on.
+inline void releaseFence() {
+#ifdef ZORCAM_TSAN
+    static std::atomic<uint32_t> word{0};
+    word.fetch_add(0, std::memory_order_acq_rel);
+#else
+    std::atomic_thread_fence(std::memory_order_release);
+#endif
+}
+inline void acquireFence() {
+#ifdef ZORCAM_TSAN
+    static std::atomic<uint32_t> word{0};
+    word.fetch_add(0, std::memory_order_acq_rel);
+#else
+    std::atomic_thread_fence(std::memory_order_acquire);
+#endif
 }
 
 }  // namespace NSCam
