@@ -191,6 +191,7 @@ public:
             // Inserts or replaces; false only when a new row would exceed kMaxRows. An
             // allocation failure leaves the table as it was.
             bool update(uint32_t tag, const std::shared_ptr<Content>& content);
+            bool update(uint32_t tag, std::shared_ptr<Content>&& content);
             bool update(const Item& item);
 
             size_t size() const { return mSize.load(std::memory_order_relaxed); }
@@ -216,7 +217,8 @@ public:
             Found find(uint32_t tag, const Content*& content) const;
             // From now on readers without a lock may be following this table: what it drops
             // is retired (readers::retire), not released at once.
-            void publish() { mPublished = true; }
+            void publish() { mPublished.store(true, std::memory_order_relaxed); }
+            bool published() const { return mPublished.load(std::memory_order_relaxed); }
 
             // Decoding into an empty table: rows whose contents live in one block (kept alive
             // by `block`) are placed, in order, in chunks of that block, adopted in order.
@@ -249,7 +251,9 @@ public:
             std::atomic<Slots*> mSlots;  // null while the table is small enough to look at
             // Tags without a slot, sorted, with their rows (only while there are slots).
             std::atomic<Side*> mSide;
-            bool mPublished;
+            // Set by every container that holds the table (copies of one container on other
+            // threads too): atomic.
+            std::atomic<bool> mPublished;
         };
 
         static constexpr uint32_t kHeadMarker = 0x12345678;
@@ -368,7 +372,7 @@ private:
     void installLocked(std::shared_ptr<Storage> storage) const;
     // Files `content` under `tag` under the lock: the one store behind both public updates
     // and setEntry (an overload, so that its log lines name "update" as callers grep for).
-    int update(uint32_t tag, const std::shared_ptr<Content>& content);
+    int update(uint32_t tag, std::shared_ptr<Content>&& content);
     // Reads element `index` of `tag`, of basic type `type` and `size` bytes, without the lock:
     // 1 stored in `out`, 0 absent (or fewer elements), -1 when the locked path must answer
     // (a writer was busy, or the read would fail and report).

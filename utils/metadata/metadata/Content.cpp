@@ -13,6 +13,7 @@
 #include "FlatBytes.h"
 #include "Nested.h"
 #include "Pool.h"
+#include "Readers.h"
 
 namespace NSCam {
 
@@ -148,11 +149,11 @@ Content::~Content() {
 }
 
 std::shared_ptr<Content> Content::make() {
-    return std::allocate_shared<Content>(pool::PoolAllocator<Content>());
+    return std::allocate_shared<Content>(readers::DeferredAllocator<Content>());
 }
 
 std::shared_ptr<Content> Content::copyOf(Content& other) {
-    return std::allocate_shared<Content>(pool::PoolAllocator<Content>(), other);
+    return std::allocate_shared<Content>(readers::DeferredAllocator<Content>(), other);
 }
 
 void Content::releaseArrays() {

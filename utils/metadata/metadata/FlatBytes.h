@@ -82,6 +82,8 @@ struct Writer {
     // True when `n` more bytes fit both the declared capacity and the real buffer: the caller
     // may then write them at here() directly.
     bool fits(size_t n) const { return pos <= room() && room() - pos >= n; }
+    // Bytes that may still be written at here().
+    size_t roomLeft() const { return pos <= room() ? room() - pos : 0; }
     uint8_t* here() const { return root + origin + pos; }
     // Addresses for log lines only, computed as integers.
     const void* at(size_t offset) const {
@@ -95,6 +97,13 @@ private:
         return capacity < left ? capacity : left;
     }
 };
+
+// One little-endian word of the form, read where it lies.
+inline uint32_t load32(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
 
 struct Reader {
     const uint8_t* base;

@@ -29,7 +29,7 @@ static_assert(sizeof(Slots::rows) == 3220, "1,610 row numbers");
 static_assert(ItemTable::kScanRows == kRows, "a table that is looked at has one chunk");
 
 std::shared_ptr<Chunk> newChunk() {
-    return std::allocate_shared<PooledChunk>(pool::PoolAllocator<PooledChunk>());
+    return std::allocate_shared<PooledChunk>(readers::DeferredAllocator<PooledChunk>());
 }
 
 using itemtable::answersFor;
@@ -38,15 +38,6 @@ using itemtable::slotKey;
 // Every row of an array nobody else can see yet: free.
 void fillFree(Slots* s) {
     std::memset(s->rows, 0xFF, sizeof(s->rows));
-}
-
-// Releases what a table drops: at once, or, while readers without the lock may still reach
-// it, once they have left.
-void letGo(bool published, std::shared_ptr<void>&& item) {
-    if (published)
-        readers::retire(std::move(item));
-    else
-        item.reset();
 }
 
 void releaseSlots(Slots* slots) noexcept {
@@ -64,7 +55,8 @@ void destroyDirectoryOf(void* p) {
     Directory::destroy(static_cast<Directory*>(p));
 }
 
-// The same as letGo, for what is let go of by calling `release(item)`.
+// Lets go of a directory, slot array or side index the table drops: at once, or, while
+// readers without the lock may still be in it, once they have left.
 void letGo(bool published, void* item, void (*release)(void*)) {
     if (item == nullptr) return;
     if (published)
@@ -187,9 +179,9 @@ void ItemTable::reset() {
     mSlots.store(nullptr, std::memory_order_release);
     mSide.store(nullptr, std::memory_order_release);
     mSize.store(0, std::memory_order_relaxed);
-    letGo(mPublished, d, destroyDirectoryOf);
-    letGo(mPublished, s, releaseSlotsOf);
-    letGo(mPublished, side, releaseSideOf);
+    letGo(published(), d, destroyDirectoryOf);
+    letGo(published(), s, releaseSlotsOf);
+    letGo(published(), side, releaseSideOf);
 }
 
 void ItemTable::clear() {
@@ -274,12 +266,14 @@ std::shared_ptr<Content> ItemTable::contentSPAt(size_t row) const {
     return ownerOf(*chunk, chunk->rows()[row % kRows], e.owner);
 }
 
+// A content or chunk the table drops is released at once: if it was the last reference, the
+// object itself waits for the readers (see readers::DeferredAllocator).
 void ItemTable::dropContent(std::shared_ptr<Content>&& content) {
-    letGo(mPublished, std::move(content));
+    content.reset();
 }
 
 void ItemTable::dropChunk(std::shared_ptr<Chunk>&& chunk) {
-    letGo(mPublished, std::move(chunk));
+    chunk.reset();
 }
 
 void ItemTable::growDirectory(size_t chunks) {
@@ -298,7 +292,7 @@ void ItemTable::growDirectory(size_t chunks) {
         }
     }
     mDirectory.store(grown, std::memory_order_release);
-    letGo(mPublished, d, destroyDirectoryOf);
+    letGo(published(), d, destroyDirectoryOf);
 }
 
 // The chunk at `index`, made this table's own: a chunk that another table shares, or one in
@@ -382,7 +376,7 @@ Slots* ItemTable::writableSlots() {
 }
 
 void ItemTable::dropSlots(Slots* s) {
-    letGo(mPublished, s, releaseSlotsOf);
+    letGo(published(), s, releaseSlotsOf);
 }
 
 // The side index made this table's own with room for `room` more entries: a shared or full
@@ -399,7 +393,7 @@ ItemTable::Side* ItemTable::writableSide(uint32_t room) {
     for (uint32_t i = 0; i < n; ++i) copy->set(i, side->tagAt(i), side->rowAt(i));
     copy->count.store(n, std::memory_order_relaxed);
     mSide.store(copy, std::memory_order_release);
-    letGo(mPublished, side, releaseSideOf);
+    letGo(published(), side, releaseSideOf);
     return copy;
 }
 
@@ -429,7 +423,7 @@ void ItemTable::buildSlots() {
         std::sort(side->entries(), side->entries() + n,
                   [](const Side::Entry& a, const Side::Entry& b) { return a.tag < b.tag; });
         side->count.store(n, std::memory_order_relaxed);
-        letGo(mPublished, mSide.exchange(side, std::memory_order_acq_rel), releaseSideOf);
+        letGo(published(), mSide.exchange(side, std::memory_order_acq_rel), releaseSideOf);
     }
     mSlots.store(s, std::memory_order_release);
 }
@@ -485,13 +479,18 @@ void ItemTable::prepareIndex(uint32_t tag, uint32_t room) {
 // then changes rows and index.
 
 bool ItemTable::update(uint32_t tag, const std::shared_ptr<Content>& content) {
+    return update(tag, std::shared_ptr<Content>(content));
+}
+
+bool ItemTable::update(uint32_t tag, std::shared_ptr<Content>&& content) {
     const uint16_t found = rowOf(tag);
     if (found != kNoRow) {
         // The row keeps its position and its tag; only the values change.
         Chunk::Row& row = writableChunk(found / kRows)->rows()[found % kRows];
-        std::shared_ptr<Content> old = std::exchange(row.own, content);
+        Content* raw = content.get();
+        std::shared_ptr<Content> old = std::exchange(row.own, std::move(content));
         row.lent = nullptr;
-        row.content.store(content.get(), std::memory_order_release);
+        row.content.store(raw, std::memory_order_release);
         dropContent(std::move(old));
         return true;
     }
@@ -504,9 +503,10 @@ bool ItemTable::update(uint32_t tag, const std::shared_ptr<Content>& content) {
     Chunk::Row& row = chunk->rows()[rows % kRows];
     row.tag.store(tag, std::memory_order_relaxed);
     row.slot.store(slotKey(tag), std::memory_order_relaxed);
-    row.own = content;
+    Content* raw = content.get();
+    row.own = std::move(content);
     row.lent = nullptr;
-    row.content.store(content.get(), std::memory_order_release);
+    row.content.store(raw, std::memory_order_release);
     setIndex(tag, static_cast<uint16_t>(rows));  // cannot throw now
     mSize.store(static_cast<uint32_t>(rows + 1), std::memory_order_release);
     return true;

@@ -147,7 +147,7 @@ static_assert(sizeof(PooledChunk) == sizeof(IMetadata::Storage::ItemTable::Chunk
               "a chunk's rows follow it");
 
 // The chunks of one table, in row order. Owned by its table alone.
-struct IMetadata::Storage::ItemTable::Directory {
+struct alignas(8) IMetadata::Storage::ItemTable::Directory {
     struct Entry {
         std::shared_ptr<Chunk> owner;
         std::atomic<Chunk*> chunk{nullptr};
@@ -172,10 +172,15 @@ struct IMetadata::Storage::ItemTable::Slots {
     void setRow(uint32_t slot, uint16_t r) { __atomic_store_n(&rows[slot], r, __ATOMIC_RELAXED); }
 };
 
+static_assert(sizeof(IMetadata::Storage::ItemTable::Directory) %
+                      alignof(IMetadata::Storage::ItemTable::Directory::Entry) ==
+                  0,
+              "entries follow the header");
+
 // The side index: tags without a slot and their rows, sorted by tag. Shared by copies of a
 // table like the slot array; its entries are read and written with atomic builtins, so that a
 // reader without the lock may search it while a writer changes it in place.
-struct IMetadata::Storage::ItemTable::Side {
+struct alignas(8) IMetadata::Storage::ItemTable::Side {
     struct Entry {
         uint32_t tag;
         uint16_t row;

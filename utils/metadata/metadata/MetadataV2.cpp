@@ -4,6 +4,7 @@
 #include <zorcam/platform/Properties.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -36,8 +37,18 @@ using flat::kStorageMagic;
 constexpr uint32_t kNoTag = 0xFFFFFFFFu;
 constexpr uint32_t kValidBit = 0x80000000u;
 
+// Drops a container's reference to its storage. When it was the last one, the storage (and
+// what only it held) waits for readers without the lock that may still be in it; those
+// are let go of now rather than after the next many releases, as a storage can be large.
+void letGo(std::shared_ptr<Storage>&& storage) {
+    if (!storage) return;
+    const bool last = storage.use_count() == 1;
+    storage.reset();
+    if (last) readers::collect();
+}
+
 std::shared_ptr<Storage> newStorage() {
-    return std::allocate_shared<Storage>(pool::PoolAllocator<Storage>());
+    return std::allocate_shared<Storage>(readers::DeferredAllocator<Storage>());
 }
 
 }  // namespace
@@ -188,55 +199,62 @@ bool sendable(const char* operation, const Storage* root, const Content* lone, c
     return false;
 }
 
-// The whole block of `table` (every row) when it fits `w`, written with one pass over the
-// rows and one copy of each payload; false, with nothing written, when the block holds a
-// content that is not of a basic type (or is too large to be sure of), so that the careful
-// writer below does the work and the reports.
+// Element sizes of the basic types, as a local table the compiler can fold.
+constexpr auto kBasicSizes = [] {
+    std::array<uint8_t, TYPE_MRect + 1> sizes{};
+    for (int32_t type = 0; type <= TYPE_MRect; ++type)
+        sizes[static_cast<size_t>(type)] = static_cast<uint8_t>(kTypeFacts[type].size);
+    return sizes;
+}();
+
+// The whole block of `table` (every row) in one pass over the rows with one copy of each
+// payload, when every row holds basic values (or none) and the block fits `w`. False when
+// it meets anything else: the careful writer below then writes the whole block again, with
+// its reports, and what this one wrote is the same bytes as far as it got.
 bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
-    size_t need = kStorageHeader;
+    if (!w.fits(kStorageHeader)) return false;
+    uint8_t* const start = w.here();
+    const uint8_t* const end = start + w.roomLeft();
+    uint8_t* out = start + kStorageHeader;
     bool basic = true;
-    table.forEachRow([&need, &basic](uint32_t, const Content* c) {
-        need += kRecordHead;
-        if (c == nullptr) return;
-        if (c->mCount == 0) {
-            need += Content::kHeaderSize;
+    table.forEachRow([&](uint32_t tag, const Content* c) {
+        if (!basic) return;
+        size_t payload = 0;
+        if (c != nullptr && c->mCount != 0) {
+            const auto type = static_cast<uint32_t>(c->mType);
+            // A broken content (many elements and no array) must meet its fatal check.
+            if (type > TYPE_MRect || c->mCount < 0 ||
+                (c->mHeld != Content::Held::kBytes && c->mCount != 1)) {
+                basic = false;
+                return;
+            }
+            payload = static_cast<size_t>(kBasicSizes[type]) * static_cast<size_t>(c->mCount);
+        }
+        const size_t record = kRecordHead + (c != nullptr ? Content::kHeaderSize + payload : 0);
+        if (static_cast<size_t>(end - out) < record) {
+            basic = false;
             return;
         }
-        const TypeFacts* facts = typeFacts(c->mType);
-        // Anything else (and a broken content, which must meet its fatal check) goes the
-        // careful way.
-        if (facts == nullptr || !facts->basic || c->mCount < 0 ||
-            (c->mHeld != Content::Held::kBytes && c->mCount != 1))
-            basic = false;
-        else
-            need += Content::kHeaderSize +
-                    static_cast<size_t>(facts->size) * static_cast<size_t>(c->mCount);
-    });
-    if (!basic || !w.fits(need)) return false;
-    uint8_t* out = w.here();
-    auto put32 = [&out](uint32_t v) {
-        std::memcpy(out, &v, 4);
-        out += 4;
-    };
-    put32(kStorageMagic);
-    put32(static_cast<uint32_t>(table.size()));
-    table.forEachRow([&out, &put32](uint32_t tag, const Content* c) {
+        // Word by word, straight into the buffer (a staging array would cost a stall when
+        // the processor reads back what it just wrote in another width).
+        auto put32 = [&out](uint32_t v) {
+            std::memcpy(out, &v, 4);
+            out += 4;
+        };
         put32(tag);
         if (c == nullptr) {
             put32(0);
             return;
         }
-        const size_t payload = c->mCount == 0 ? 0
-                                              : static_cast<size_t>(kTypeFacts[c->mType].size) *
-                                                    static_cast<size_t>(c->mCount);
-        const uint32_t head[4] = {static_cast<uint32_t>(Content::kHeaderSize + payload),
-                                  Content::kPattern, static_cast<uint32_t>(c->mType),
-                                  static_cast<uint32_t>(c->mCount)};
-        std::memcpy(out, head, sizeof(head));
-        out += sizeof(head);
-        // The usual payloads are one element of up to 16 bytes: copied as fixed sizes.
+        put32(static_cast<uint32_t>(record - kRecordHead));
+        put32(Content::kPattern);
+        put32(static_cast<uint32_t>(c->mType));
+        put32(static_cast<uint32_t>(c->mCount));
+        // The usual payloads are up to 16 bytes: copied as fixed sizes.
         const uint8_t* from = c->elements();
         switch (payload) {
+            case 0:
+                break;
             case 1:
                 *out = *from;
                 break;
@@ -255,8 +273,12 @@ bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
         }
         out += payload;
     });
-    w.pos += need;
-    written = static_cast<long>(need);
+    if (!basic) return false;
+    const uint32_t header[2] = {kStorageMagic, static_cast<uint32_t>(table.size())};
+    std::memcpy(start, header, sizeof(header));
+    const auto length = static_cast<size_t>(out - start);
+    w.pos += length;
+    written = static_cast<long>(length);
     return true;
 }
 
@@ -392,7 +414,11 @@ struct FrontOfBlock {
         if (n * sizeof(T) > kControlRoom) throw std::bad_alloc();
         return static_cast<T*>(front);
     }
-    void deallocate(T*, size_t) noexcept { ::operator delete(front); }
+    // The block's contents and chunks may still be read by readers without the lock: it
+    // goes once they have left (after its contents, which are retired first).
+    void deallocate(T*, size_t) noexcept {
+        readers::retire(front, [](void* p) { ::operator delete(p); });
+    }
     template <typename U>
     bool operator==(const FrontOfBlock<U>& o) const {
         return front == o.front;
@@ -408,7 +434,11 @@ std::shared_ptr<DecodeBlock> newBlock(size_t records) {
     auto* block = new (static_cast<uint8_t*>(front) + kControlRoom) DecodeBlock(records);
     try {
         return std::shared_ptr<DecodeBlock>(
-            block, [](DecodeBlock* b) { b->~DecodeBlock(); }, FrontOfBlock<DecodeBlock>(front));
+            block,
+            [](DecodeBlock* b) {
+                readers::retire(b, [](void* p) { static_cast<DecodeBlock*>(p)->~DecodeBlock(); });
+            },
+            FrontOfBlock<DecodeBlock>(front));
     } catch (...) {
         ::operator delete(front);  // the deleter ran; the allocation is still ours
         throw;
@@ -453,15 +483,14 @@ long decodeRecords(ItemTable& table, flat::Reader& r, DecodeBlock& block, Conten
         if (length >= Content::kHeaderSize) {
             // The usual record: basic values, or no values, that fit the record. Read here;
             // any other record is read by the content itself, with its reports.
-            uint32_t head[3];
-            std::memcpy(head, r.here(), sizeof(head));
-            const auto type = static_cast<int32_t>(head[1]);
-            const auto count = static_cast<int32_t>(head[2]);
-            const TypeFacts* facts = typeFacts(type);
-            if (head[0] == Content::kPattern && count >= 0 &&
-                (count == 0 || (facts != nullptr && facts->basic))) {
-                const size_t n =
-                    count == 0 ? 0 : static_cast<size_t>(facts->size) * static_cast<size_t>(count);
+            const uint32_t pattern = flat::load32(r.here());
+            const auto type = static_cast<int32_t>(flat::load32(r.here() + 4));
+            const auto count = static_cast<int32_t>(flat::load32(r.here() + 8));
+            const bool basic = static_cast<uint32_t>(type) <= TYPE_MRect;
+            if (pattern == Content::kPattern && count >= 0 && (count == 0 || basic)) {
+                const size_t n = count == 0 ? 0
+                                            : static_cast<size_t>(kBasicSizes[type]) *
+                                                  static_cast<size_t>(count);
                 if (n <= length - Content::kHeaderSize) {
                     Content* c =
                         new (room) Content(type, count, r.here() + Content::kHeaderSize, n, &arena);
@@ -745,9 +774,7 @@ IMetadata::IMetadata(const void* buf, size_t size)
 IMetadata::~IMetadata() {
     std::lock_guard<std::mutex> guard(mLock);
     checkValid(__func__);
-    // A reader without the lock on a container being destroyed is a use after destruction:
-    // the storage goes at once.
-    mStorage.reset();
+    letGo(std::move(mStorage));
     --mHeadMarker;
     mValidNum.store(0, std::memory_order_relaxed);  // mValidNumBackup keeps what it was
     --mTailMarker;
@@ -757,7 +784,7 @@ void IMetadata::installLocked(std::shared_ptr<Storage> storage) const {
     if (storage) storage->mItemTable.publish();
     std::shared_ptr<Storage> old = std::exchange(mStorage, std::move(storage));
     mStorageRaw.store(mStorage.get(), std::memory_order_release);
-    if (old) readers::retire(std::move(old));
+    letGo(std::move(old));
 }
 
 void IMetadata::makeWritableLocked() const {
@@ -829,7 +856,7 @@ int IMetadata::update(uint32_t tag, const IEntry& entry) {
     std::shared_ptr<Content> content = entry.share(entryTag);
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    return update(tag, content);
+    return update(tag, std::move(content));
 }
 
 int IMetadata::update(const IEntry& entry) {
@@ -841,15 +868,15 @@ int IMetadata::update(const IEntry& entry) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, content);
+    return update(tag, std::move(content));
 }
 
-int IMetadata::update(uint32_t tag, const std::shared_ptr<Content>& content) {
+int IMetadata::update(uint32_t tag, std::shared_ptr<Content>&& content) {
     std::lock_guard<std::mutex> guard(mLock);
     checkValid(__func__);
     const Writing writing(mSequence);
     makeWritableLocked();
-    if (!mStorage->mItemTable.update(tag, content)) {
+    if (!mStorage->mItemTable.update(tag, std::move(content))) {
         META_LOGE("table full (%zu rows), tag %x not stored", ItemTable::kMaxRows, tag);
         return -1;
     }
@@ -1166,7 +1193,7 @@ int IMetadata::setEntry(IMetadata* metadata, uint32_t tag, const T& value) {
     std::shared_ptr<Content> content = Content::make();
     content->update(-1, &value, 1, TypeCode<T>::value);
     content->markReadOnly();
-    metadata->update(tag, content);  // a caller who must know reads the entry back
+    metadata->update(tag, std::move(content));  // a caller who must know reads the entry back
     return 0;
 }
 

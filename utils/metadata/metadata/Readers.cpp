@@ -111,16 +111,27 @@ uint64_t tryAdvance() {
     return gEpoch.load(std::memory_order_acquire);
 }
 
-// Drops the sealed batches whose epoch is two behind `now`; the rest stay.
-void releaseOld(std::vector<Sealed>& sealed, uint64_t now) {
+// Drops the sealed batches whose epoch is two behind `now`; the rest stay. The number of
+// batches dropped. Releasing them may seal new batches onto `sealed`: the releasable ones are
+// taken out first, and released once the list is whole again.
+size_t releaseOld(std::vector<Sealed>& sealed, uint64_t now) {
+    std::vector<Sealed> old;
     size_t kept = 0;
     for (size_t i = 0; i < sealed.size(); ++i) {
-        if (sealed[i].epoch + 2 <= now)
-            sealed[i].items.clear();
-        else
-            sealed[kept++] = std::move(sealed[i]);
+        if (sealed[i].epoch + 2 <= now) {
+            try {
+                old.push_back(std::move(sealed[i]));
+                continue;
+            } catch (const std::bad_alloc&) {
+                // Kept for a later round.
+            }
+        }
+        if (kept != i) sealed[kept] = std::move(sealed[i]);
+        ++kept;
     }
     sealed.resize(kept);
+    for (Sealed& batch : old) batch.items.clear();
+    return old.size();
 }
 
 // Waits until every reader that is in a section now has left it: what was unreachable before
@@ -184,15 +195,22 @@ struct Local {
         bag = std::vector<Item>();
     }
 
+    // Releasing may retire more (a storage's contents, a nested container's storage): the
+    // next round takes those, for as long as the readers let the epoch advance, so that a
+    // chain of nested containers goes in one call and without a call per level.
     void collect() {
-        if (collecting) return;  // releasing may retire more: it waits for the next round
+        if (collecting) return;
         collecting = true;
-        seal();
-        const uint64_t now = tryAdvance();
-        releaseOld(sealed, now);
-        Orphans& o = orphans();
-        std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
-        if (guard.owns_lock() && !o.sealed.empty()) releaseOld(o.sealed, now);
+        for (;;) {
+            seal();
+            tryAdvance();
+            const uint64_t now = tryAdvance();
+            size_t dropped = releaseOld(sealed, now);
+            Orphans& o = orphans();
+            std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
+            if (guard.owns_lock() && !o.sealed.empty()) dropped += releaseOld(o.sealed, now);
+            if (dropped == 0 || bag.empty()) break;
+        }
         collecting = false;
     }
     bool collecting = false;
@@ -220,7 +238,9 @@ Section::Section() : mThread(nullptr) {
         if (l.record == nullptr) l.record = acquireRecord();
         t.record = l.record;
     }
-    t.record->epoch.store(gEpoch.load(std::memory_order_acquire), std::memory_order_relaxed);
+    // A release store: whoever reads this announcement also sees that the thread's earlier
+    // sections (whose reads come before it) are over.
+    t.record->epoch.store(gEpoch.load(std::memory_order_acquire), std::memory_order_release);
     fullFence();  // the announcement is visible before anything the section reads
 }
 
@@ -232,7 +252,7 @@ Section::~Section() {
 
 namespace {
 
-void retireItem(Item&& item) {
+void retireItem(Item&& item) noexcept {
     try {
         Thread& t = tThread;
         if (t.gone) {
@@ -249,8 +269,16 @@ void retireItem(Item&& item) {
             return;
         }
         Local& l = local(t);
+        if (l.bag.capacity() == 0) l.bag.reserve(kBatch);  // batches stay small blocks
         l.bag.push_back(std::move(item));
-        if (l.bag.size() >= kBatch) l.collect();
+        if (l.bag.size() >= kBatch) {
+            // Releasing may retire many more (a container's nested containers): while it is
+            // under way they are sealed batch by batch, for the next round.
+            if (l.collecting)
+                l.seal();
+            else
+                l.collect();
+        }
     } catch (const std::bad_alloc&) {
         // No memory to defer the release: wait out the readers instead.
         synchronize();
@@ -260,11 +288,11 @@ void retireItem(Item&& item) {
 
 }  // namespace
 
-void retire(std::shared_ptr<void>&& item) {
+void retire(std::shared_ptr<void>&& item) noexcept {
     if (item) retireItem(Item(std::move(item)));
 }
 
-void retire(void* item, void (*release)(void*)) {
+void retire(void* item, void (*release)(void*)) noexcept {
     if (item != nullptr) retireItem(Item(item, release));
 }
 

@@ -14,7 +14,10 @@
 // readers, so readers of one container on many threads do not slow each other down.
 //
 // Thread safety: every function may be called from any thread.
+#include <cstddef>
 #include <memory>
+
+#include "Pool.h"
 
 namespace NSCam {
 namespace readers {
@@ -37,12 +40,46 @@ private:
 };
 
 // Lets go of `item` once no reader in a section can still reach it.
-void retire(std::shared_ptr<void>&& item);
+void retire(std::shared_ptr<void>&& item) noexcept;
 // The same for something that is let go of by calling `release(item)`.
-void retire(void* item, void (*release)(void*));
+void retire(void* item, void (*release)(void*)) noexcept;
 
 // Releases what can be released now, on this thread (for tests and for idle moments).
 void collect();
+
+// For std::allocate_shared of what readers without a lock may reach (contents, storages, row
+// chunks): when its last reference goes, the object is destroyed, and its pooled block given
+// back, only once no such reader can still be looking at it. Whoever drops that reference (a
+// container, an entry, a caller's own copy) need not know about readers.
+template <typename T>
+struct DeferredAllocator {
+    using value_type = T;
+
+    DeferredAllocator() = default;
+    template <typename U>
+    DeferredAllocator(const DeferredAllocator<U>&) {}
+
+    T* allocate(size_t n) { return static_cast<T*>(pool::take(n * sizeof(T))); }
+    void deallocate(T* p, size_t n) noexcept {
+        if (n == 1)
+            retire(p, [](void* block) { pool::give(block, sizeof(T)); });
+        else
+            pool::give(p, n * sizeof(T));  // never handed out: nobody can see it
+    }
+    template <typename U>
+    void destroy(U* p) noexcept {
+        retire(p, [](void* object) { static_cast<U*>(object)->~U(); });
+    }
+
+    template <typename U>
+    bool operator==(const DeferredAllocator<U>&) const {
+        return true;
+    }
+    template <typename U>
+    bool operator!=(const DeferredAllocator<U>&) const {
+        return false;
+    }
+};
 
 }  // namespace readers
 }  // namespace NSCam
