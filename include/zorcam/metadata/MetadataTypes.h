@@ -2,6 +2,8 @@
 // The small value types a metadata entry can hold besides plain numbers, the type codes that
 // name an entry's element type (in memory, in the flat form, in logs and dumps), and the
 // Type2Type selector of the typed templates. Plain values: thread-compatible.
+#include <zorcam/metadata/Export.h>
+
 #include <cstdint>
 
 namespace NSCam {
@@ -22,7 +24,7 @@ enum : int32_t {
     NUM_MTYPE = 11,
 };
 
-struct MRational {
+struct ZORCAM_EXPORT MRational {
     int32_t numerator = 0;
     // 1, not 0: a rational that appears by growing a vector is a valid 0/1.
     int32_t denominator = 1;
@@ -35,7 +37,7 @@ struct MRational {
     bool operator!=(const MRational& o) const { return !(*this == o); }
 };
 
-struct MPoint {
+struct ZORCAM_EXPORT MPoint {
     int32_t x = 0;
     int32_t y = 0;
 
@@ -45,7 +47,7 @@ struct MPoint {
     bool operator!=(const MPoint& o) const { return !(*this == o); }
 };
 
-struct MSize {
+struct ZORCAM_EXPORT MSize {
     int32_t w = 0;
     int32_t h = 0;
 
@@ -55,7 +57,7 @@ struct MSize {
     bool operator!=(const MSize& o) const { return !(*this == o); }
 };
 
-struct MRect {
+struct ZORCAM_EXPORT MRect {
     MPoint p;
     MSize s;
 
