@@ -4,7 +4,8 @@
 # lists (patterns expanded) must be compiled by some CMake target. The CMake side comes from
 # the build system itself (its file API, over a configure with every option on: tests,
 # benchmarks, examples, fuzz targets and zmeta when present), so globbed tests count too.
-# Prints one line on success; names each missing file and fails otherwise.
+# Also fails when the library's sources test for host or device. Prints one line on success;
+# names each missing file and fails otherwise.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_deps.sh  # jq and clang among them
@@ -68,6 +69,14 @@ while read -r file; do
 done <<<"$bp_sources"
 if [ "$status" -ne 0 ]; then
     echo "!!! android.bp: keep Android.bp's module sources equal to the CMake targets'"
+    exit 1
+fi
+# The seam between host and device is the build files' choice of platform libraries: the
+# library's own sources are the same in both variants.
+if grep -rnE '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif).*(ANDROID|BIONIC|HOST)' \
+    utils updater include; then
+    echo "!!! android.bp: the library's sources above choose between host and device; pick the"
+    echo "!!! platform in the build files (platform/host/ off the device) instead"
     exit 1
 fi
 echo "android.bp: the $(wc -l <<<"$cmake_files") sources of the CMake targets agree with Android.bp"
