@@ -69,6 +69,6 @@ protected:
 // into `buffer` (at most `size` bytes with the terminating zero) and returns `buffer`;
 // returns "" and writes nothing when `buffer` or `frameMeta` is null. `otherMeta` is unused.
 ZORCAM_EXPORT const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* otherMeta,
-                                  const IMetadata* frameMeta);
+                                                const IMetadata* frameMeta);
 
 }  // namespace NSCam
