@@ -1,16 +1,27 @@
 #!/usr/bin/env bash
-# Builds and runs the whole suite in the default, ASan+UBSan and TSan builds, then a short
-# fuzz run of each fuzz target from its seed corpus.
+# Builds and runs the whole suite in the default, ASan+UBSan and TSan builds; checks the
+# packaging (exported symbols and ABI against abi/, the installed tree used from outside
+# with find_package and pkg-config, Android.bp against the CMake targets); cross-builds for
+# arm64 and runs the suite under qemu; then a short fuzz run of each fuzz target from its
+# seed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_deps.sh
 start=$(date +%s)
-for preset in default asan tsan; do
-    echo "=== $preset: configure and build"
-    cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset"
-    echo "=== $preset: tests"
-    ctest --preset "$preset"
-done
+run_preset() {
+    echo "=== $1: configure and build"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+    echo "=== $1: tests"
+    ctest --preset "$1"
+}
+run_preset default
+echo "=== packaging: exports and ABI, install, Android.bp"
+scripts/abi.sh
+scripts/check_install.sh
+scripts/check_android_bp.sh
+run_preset asan
+run_preset tsan
+scripts/arm64.sh
 FUZZ_SECONDS=${FUZZ_SECONDS:-30} scripts/fuzz_smoke.sh
 echo "=== all suites passed in $(( $(date +%s) - start )) s"

@@ -7,6 +7,7 @@
 // mutex). Memory handles are thread-compatible (one handle, one thread; handles that share
 // bytes may live on different threads). Storage and ItemTable are not thread-safe: they are
 // used under the lock of the container that holds them, or only read once shared.
+#include <zorcam/metadata/Export.h>
 #include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataTypes.h>
 
@@ -22,7 +23,7 @@ namespace NSCam {
 
 struct MetadataInspector;  // test access to internals; defined by the tests only
 
-class IMetadata {
+class ZORCAM_EXPORT IMetadata {
 public:
     class Memory;
     class IEntry;
@@ -410,7 +411,7 @@ struct TypeCode<IMetadata::Memory> {
 //----------------------------------------------------------------------------------------
 // The blob pool: 12 size classes of 8 slots, each slot keeping up to 5 spare buffers of one
 // nominal capacity, last in first out. Thread-safe: one mutex per slot.
-class IMetadata::Memory::MemorySlot {
+class ZORCAM_EXPORT IMetadata::Memory::MemorySlot {
 public:
     static constexpr uint32_t kMaxBuffers = 5;
     static constexpr uint32_t kReserved = 6;
@@ -430,7 +431,7 @@ private:
     std::atomic<uint32_t> mCount{0};
 };
 
-class IMetadata::Memory::BufferAllocator {
+class ZORCAM_EXPORT IMetadata::Memory::BufferAllocator {
 public:
     static constexpr uint32_t kClasses = 12;
     static constexpr uint32_t kSlotsPerClass = 8;

@@ -5,6 +5,7 @@
 //
 // Thread safety: an updater holds no lock and changes no field after construction; calls
 // may run concurrently on different metadata objects.
+#include <zorcam/metadata/Export.h>
 #include <zorcam/metadata/IMetadata.h>
 
 #include <cstdint>
@@ -13,7 +14,7 @@
 
 namespace NSCam {
 
-class IMetadataUpdater {
+class ZORCAM_EXPORT IMetadataUpdater {
 public:
     struct StaticInfo {
         int32_t id = 0;  // the camera this updater serves
@@ -42,7 +43,7 @@ public:
                                      IMetadata* appendAppResultMeta, IMetadata* appendHalMeta) = 0;
 };
 
-class MetadataUpdater : public IMetadataUpdater {
+class ZORCAM_EXPORT MetadataUpdater : public IMetadataUpdater {
 public:
     explicit MetadataUpdater(const StaticInfo& info);
     ~MetadataUpdater() override;
@@ -67,7 +68,7 @@ protected:
 // Writes "/sdcard/camera_dump/" and the request's unique key, frame and request numbers
 // into `buffer` (at most `size` bytes with the terminating zero) and returns `buffer`;
 // returns "" and writes nothing when `buffer` or `frameMeta` is null. `otherMeta` is unused.
-const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* otherMeta,
-                                  const IMetadata* frameMeta);
+ZORCAM_EXPORT const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* otherMeta,
+                                                const IMetadata* frameMeta);
 
 }  // namespace NSCam

@@ -12,6 +12,8 @@
 //
 // Thread safety: reentrant. The check has no side effects: it allocates nothing, logs
 // nothing and never aborts, whatever the bytes.
+#include <zorcam/metadata/Export.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -29,6 +31,6 @@ struct FlatCheck {
     size_t consumed;
 };
 
-FlatCheck checkFlatMetadata(const void* buf, size_t size);
+ZORCAM_EXPORT FlatCheck checkFlatMetadata(const void* buf, size_t size);
 
 }  // namespace NSCam

@@ -2,6 +2,8 @@
 // The small value types a metadata entry can hold besides plain numbers, the type codes that
 // name an entry's element type (in memory, in the flat form, in logs and dumps), and the
 // Type2Type selector of the typed templates. Plain values: thread-compatible.
+#include <zorcam/metadata/Export.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -23,7 +25,7 @@ enum : int32_t {
     NUM_MTYPE = 11,
 };
 
-struct MRational {
+struct ZORCAM_EXPORT MRational {
     int32_t numerator = 0;
     // 1, not 0: a rational that appears by growing a vector is a valid 0/1.
     int32_t denominator = 1;
@@ -36,7 +38,7 @@ struct MRational {
     bool operator!=(const MRational& o) const { return !(*this == o); }
 };
 
-struct MPoint {
+struct ZORCAM_EXPORT MPoint {
     int32_t x = 0;
     int32_t y = 0;
 
@@ -46,7 +48,7 @@ struct MPoint {
     bool operator!=(const MPoint& o) const { return !(*this == o); }
 };
 
-struct MSize {
+struct ZORCAM_EXPORT MSize {
     int32_t w = 0;
     int32_t h = 0;
 
@@ -56,7 +58,7 @@ struct MSize {
     bool operator!=(const MSize& o) const { return !(*this == o); }
 };
 
-struct MRect {
+struct ZORCAM_EXPORT MRect {
     MPoint p;
     MSize s;
 
