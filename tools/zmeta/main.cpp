@@ -1,0 +1,201 @@
+// zmeta: reads, checks, compares and converts the flat form of a metadata container, for
+// the engineer who holds one in a file (a dump, a capture of shared memory, a test vector).
+//
+// Exit codes follow diff and cmp: 0 success (diff: identical, check: accepted); 1 when diff
+// finds differences, check refuses the bytes, or get finds no such tag; 2 for every error,
+// with one line on standard error and nothing on standard output.
+#include <zorcam/metadata/MetadataCheck.h>
+#include <zorcam/platform/ULog.h>
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "Zmeta.h"
+
+namespace {
+
+using namespace zmeta;
+
+std::string shownName(const std::string& file) { return file == "-" ? "standard input" : file; }
+
+// The whole file (or standard input, for "-").
+std::vector<uint8_t> readAll(const std::string& file) {
+    FILE* f = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+    if (!f) throw Failure(file + ": " + std::strerror(errno));
+    std::vector<uint8_t> data;
+    size_t used = 0;
+    for (;;) {
+        if (data.size() - used < (1u << 20)) data.resize(std::max<size_t>(2 * data.size(), 1u << 20));
+        const size_t n = std::fread(data.data() + used, 1, data.size() - used, f);
+        used += n;
+        if (n == 0) break;
+    }
+    const bool failed = std::ferror(f);
+    const int error = errno;
+    if (f != stdin) std::fclose(f);
+    if (failed) throw Failure(shownName(file) + ": " + std::strerror(error));
+    data.resize(used);
+    return data;
+}
+
+// A file's bytes and its rows, once the check has accepted them. Nothing walks or rebuilds
+// foreign bytes before checkFlatMetadata has said yes.
+struct Loaded {
+    std::vector<uint8_t> bytes;
+    std::unique_ptr<Form> form;
+};
+
+std::unique_ptr<Form> rowsOf(const std::string& file, const std::vector<uint8_t>& bytes,
+                             const NSCam::FlatCheck& check) {
+    std::unique_ptr<Form> form;
+    try {
+        form = readForm(bytes.data(), bytes.size());
+    } catch (const Failure& e) {
+        throw Failure(shownName(file) + ": " + e.what());
+    }
+    if (bytes.size() - form->spare != check.consumed)
+        throw Failure(shownName(file) + ": the check and this tool disagree on where the form ends");
+    return form;
+}
+
+Loaded load(const std::string& file) {
+    Loaded l;
+    l.bytes = readAll(file);
+    const NSCam::FlatCheck check = NSCam::checkFlatMetadata(l.bytes.data(), l.bytes.size());
+    if (!check.ok)
+        throw Failure(shownName(file) + ": not a flat form: " + check.reason + " at byte " +
+                      std::to_string(check.offset));
+    l.form = rowsOf(file, l.bytes, check);
+    return l;
+}
+
+void emit(const void* data, size_t size) {
+    if (std::fwrite(data, 1, size, stdout) != size || std::fflush(stdout) != 0)
+        throw Failure(std::string("standard output: ") + std::strerror(errno));
+}
+void emit(const std::string& text) { emit(text.data(), text.size()); }
+
+void emitBinary(const std::vector<uint8_t>& bytes) {
+    if (isatty(STDOUT_FILENO))
+        throw Failure("standard output is a terminal: redirect the flat form to a file or pipe it "
+                      "into another command");
+    emit(bytes.data(), bytes.size());
+}
+
+std::string spareAfter(const Form& form) {
+    return form.spare ? "(" + std::to_string(form.spare) + " spare bytes after the form)\n" : "";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"zmeta: reads, checks, compares and converts flat metadata.\n"
+                 "FILE may be - for standard input; output goes to standard output."};
+    app.require_subcommand(1);
+    app.fallthrough();
+    bool verbose = false;
+    app.add_flag("-v,--verbose", verbose, "let the library's log lines through to standard error");
+
+    std::string fileA, fileB, tagText;
+    std::vector<std::string> only;
+    const auto fileOption = [&](CLI::App* cmd, std::string& into, const char* name) {
+        cmd->add_option(name, into, "a flat form, or - for standard input")->required();
+    };
+    const auto tagsOption = [&](CLI::App* cmd) {
+        cmd->add_option("-t,--tags", only, "only these tags: numbers or Android names, comma-separated")
+            ->delimiter(',');
+    };
+    CLI::App* sample = app.add_subcommand("sample", "write the flat form of a sample capture request");
+    CLI::App* dump = app.add_subcommand("dump", "one line per entry: tag, name, type[count], values");
+    tagsOption(dump);
+    fileOption(dump, fileA, "FILE");
+    CLI::App* json = app.add_subcommand("json", "the entries as JSON, in row order");
+    tagsOption(json);
+    fileOption(json, fileA, "FILE");
+    CLI::App* fromJson = app.add_subcommand("from-json", "the flat form of a JSON document");
+    fromJson->add_option("FILE", fileA, "a JSON document as json writes it, or -")->required();
+    CLI::App* get = app.add_subcommand("get", "the values of one entry, one a line");
+    fileOption(get, fileA, "FILE");
+    get->add_option("TAG", tagText, "a tag number (0x00080002) or name (android.lens.focalLength)")
+        ->required();
+    CLI::App* diff = app.add_subcommand("diff", "entries only in A, only in B, and changed");
+    fileOption(diff, fileA, "A");
+    fileOption(diff, fileB, "B");
+    CLI::App* checkCmd = app.add_subcommand("check", "the check receivers run on foreign bytes");
+    fileOption(checkCmd, fileA, "FILE");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) return app.exit(e);  // --help
+        std::fprintf(stderr, "zmeta: %s (see zmeta --help)\n", e.what());
+        return 2;
+    }
+    // Standard error carries the tool's own one-line errors; the library's log lines (it
+    // logs some refusals) only when asked for.
+    if (!verbose) NSCam::Utils::ULog::ULogger::sMode = 0;
+
+    try {
+        std::string out;
+        if (sample->parsed()) {
+            emitBinary(sampleForm());
+        } else if (dump->parsed() || json->parsed()) {
+            const std::vector<uint32_t> tags = parseTagList(only);
+            const Loaded l = load(fileA);
+            if (dump->parsed()) {
+                dumpForm(out, *l.form, tags);
+                if (tags.empty()) out += spareAfter(*l.form);
+            } else {
+                writeJson(out, *l.form, tags);
+            }
+            emit(out);
+        } else if (fromJson->parsed()) {
+            const std::vector<uint8_t> text = readAll(fileA);
+            std::vector<uint8_t> bytes;
+            try {
+                bytes = formFromJson(std::string_view(reinterpret_cast<const char*>(text.data()),
+                                                      text.size()));
+            } catch (const Failure& e) {
+                throw Failure(shownName(fileA) + ": " + e.what());
+            }
+            emitBinary(bytes);
+        } else if (get->parsed()) {
+            uint32_t tag;
+            if (!parseTag(tagText, tag))
+                throw Failure(tagText + ": neither a tag number nor a known tag name");
+            const Loaded l = load(fileA);
+            const Row* row = findRow(*l.form, tag);
+            if (!row) return 1;
+            printValues(out, *row);
+            emit(out);
+        } else if (diff->parsed()) {
+            const Loaded a = load(fileA);
+            const Loaded b = load(fileB);
+            if (!diffForms(out, *a.form, *b.form)) return 0;
+            emit("--- " + shownName(fileA) + "\n+++ " + shownName(fileB) + "\n" + out);
+            return 1;
+        } else {
+            const std::vector<uint8_t> bytes = readAll(fileA);
+            const NSCam::FlatCheck c = NSCam::checkFlatMetadata(bytes.data(), bytes.size());
+            if (!c.ok) {
+                emit("refused at byte " + std::to_string(c.offset) + ": " + c.reason + "\n");
+                return 1;
+            }
+            const std::unique_ptr<Form> form = rowsOf(fileA, bytes, c);
+            const size_t n = form->rows.size();
+            emit("ok: " + std::to_string(n) + (n == 1 ? " entry, " : " entries, ") +
+                 std::to_string(c.consumed) + " bytes\n" + spareAfter(*form));
+        }
+        return 0;
+    } catch (const Failure& e) {
+        std::fprintf(stderr, "zmeta: %s\n", e.what());
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "zmeta: out of memory\n");
+    }
+    return 2;
+}
