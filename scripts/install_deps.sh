@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages the build needs, when they are missing (run as root).
 set -euo pipefail
 packages=(cmake g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev googletest
-          libbenchmark-dev android-liblog-dev android-libbase-dev android-libbacktrace-dev)
+          libbenchmark-dev android-liblog-dev android-libbase-dev android-libbacktrace-dev
+          nlohmann-json3-dev libcli11-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -107,7 +107,7 @@ private:
 };
 
 bool sameForms(const Form& a, const Form& b) {
-    std::string ignored;
+    Out ignored;
     return !diffForms(ignored, a, b);
 }
 

@@ -33,12 +33,12 @@ namespace {
 namespace flat = NSCam::flat;
 using nlohmann::json;
 
-void indentBy(std::string& out, int indent) { out.append(static_cast<size_t>(indent), ' '); }
+void indentBy(Out& out, int indent) { out.pad(indent); }
 
-void appendBlock(std::string& out, const Form& form, const std::vector<uint32_t>& only,
+void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
                  int indent);
 
-void appendEntry(std::string& out, const Row& row, int indent) {
+void appendEntry(Out& out, const Row& row, int indent) {
     indentBy(out, indent);
     out += "{\"tag\": \"";
     appendHex32(out, row.tag);
@@ -68,19 +68,13 @@ void appendEntry(std::string& out, const Row& row, int indent) {
             if (i) out += ", ";
             appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts->size),
                           true);
+            out.checkpoint();
         }
     }
-    static const char digits[] = "0123456789abcdef";
     for (size_t i = 0; i < row.blobs.size(); ++i) {
         if (i) out += ", ";
         out += '"';
-        const Span& blob = row.blobs[i];
-        const size_t at = out.size();
-        out.resize(at + 2 * blob.size);
-        for (size_t k = 0; k < blob.size; ++k) {
-            out[at + 2 * k] = digits[blob.data[k] >> 4];
-            out[at + 2 * k + 1] = digits[blob.data[k] & 0xF];
-        }
+        appendHexBytes(out, row.blobs[i].data, row.blobs[i].size);
         out += '"';
     }
     if (!row.nested.empty()) {
@@ -99,7 +93,7 @@ void appendEntry(std::string& out, const Row& row, int indent) {
     out += "]}";
 }
 
-void appendBlock(std::string& out, const Form& form, const std::vector<uint32_t>& only,
+void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
                  int indent) {
     indentBy(out, indent);
     out += "[";
@@ -110,6 +104,7 @@ void appendBlock(std::string& out, const Form& form, const std::vector<uint32_t>
         out += first ? "\n" : ",\n";
         first = false;
         appendEntry(out, row, indent + 2);
+        out.checkpoint();
     }
     if (!first) {
         out += '\n';
@@ -314,17 +309,11 @@ private:
             value(code, values[i], path + "/values/" + std::to_string(i), depth);
         fill(at, path);
     }
-
-    static std::string hexTag(uint32_t tag) {
-        std::string s;
-        appendHex32(s, tag);
-        return s;
-    }
 };
 
 }  // namespace
 
-void writeJson(std::string& out, const Form& form, const std::vector<uint32_t>& only) {
+void writeJson(Out& out, const Form& form, const std::vector<uint32_t>& only) {
     appendBlock(out, form, only, 0);
     out += '\n';
 }

@@ -63,12 +63,14 @@ std::vector<uint32_t> parseTagList(const std::vector<std::string>& items) {
     return tags;
 }
 
-void appendHex32(std::string& out, uint32_t value) {
+std::string hexTag(uint32_t tag) {
     static const char digits[] = "0123456789abcdef";
-    char buf[10] = {'0', 'x'};
-    for (int i = 0; i < 8; ++i) buf[2 + i] = digits[(value >> (28 - 4 * i)) & 0xF];
-    out.append(buf, sizeof(buf));
+    std::string text = "0x";
+    for (int shift = 28; shift >= 0; shift -= 4) text += digits[(tag >> shift) & 0xF];
+    return text;
 }
+
+void appendHex32(Out& out, uint32_t value) { out += hexTag(value); }
 
 std::string typeName(int32_t code) {
     if (const NSCam::TypeFacts* facts = NSCam::typeFacts(code)) return facts->shortName;

@@ -1,8 +1,8 @@
 // The text forms of values and rows: dump, get and diff.
 #include <algorithm>
 #include <charconv>
+#include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 #include <unordered_map>
@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kBlobBytesShown = 32;
 
 template <typename Bits>
-void appendBits(std::string& out, Bits bits) {
+void appendBits(Out& out, Bits bits) {
     static const char digits[] = "0123456789abcdef";
     out += "0x";
     for (int shift = 8 * sizeof(Bits) - 4; shift >= 0; shift -= 4) out += digits[(bits >> shift) & 0xF];
@@ -27,7 +27,7 @@ void appendBits(std::string& out, Bits bits) {
 // "inf", "-inf" or "nan(<bits>)". A float or double always shows a point or an exponent, so
 // that a JSON reader keeps -0.0 apart from the integer 0.
 template <typename F, typename Bits>
-void appendReal(std::string& out, F value, bool json) {
+void appendReal(Out& out, F value, bool json) {
     static_assert(sizeof(F) == sizeof(Bits));
     Bits bits;
     std::memcpy(&bits, &value, sizeof(bits));
@@ -52,20 +52,21 @@ void appendReal(std::string& out, F value, bool json) {
             // JSON readers hold numbers as doubles, so a float takes one more rounding on
             // its way back (double, then float). Where the shortest float text does not
             // survive that, the double's shortest text of the same value does.
-            *end = '\0';
-            const float back = static_cast<float>(std::strtod(buf, nullptr));
+            double read = 0;
+            std::from_chars(buf, end, read);  // correctly rounded, as strtod
+            const float back = static_cast<float>(read);
             if (std::memcmp(&back, &value, sizeof(value)) != 0)
                 end = std::to_chars(buf, buf + sizeof(buf) - 1, static_cast<double>(value)).ptr;
         }
     }
-    out.append(buf, end);
+    out.append(buf, static_cast<size_t>(end - buf));
     if (std::find_if(buf, end, [](char c) { return c == '.' || c == 'e'; }) == end) out += ".0";
 }
 
 template <typename T>
-void appendInt(std::string& out, T value) {
+void appendInt(Out& out, T value) {
     char buf[24];
-    out.append(buf, std::to_chars(buf, buf + sizeof(buf), value).ptr);
+    out.append(buf, static_cast<size_t>(std::to_chars(buf, buf + sizeof(buf), value).ptr - buf));
 }
 
 int32_t i32At(const uint8_t* p, int i) {
@@ -74,20 +75,9 @@ int32_t i32At(const uint8_t* p, int i) {
     return v;
 }
 
-void appendHexBytes(std::string& out, const uint8_t* p, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    const size_t at = out.size();
-    out.resize(at + 2 * n);
-    char* dst = &out[at];
-    for (size_t i = 0; i < n; ++i) {
-        dst[2 * i] = digits[p[i] >> 4];
-        dst[2 * i + 1] = digits[p[i] & 0xF];
-    }
-}
+void indentBy(Out& out, int indent) { out.pad(indent); }
 
-void indentBy(std::string& out, int indent) { out.append(static_cast<size_t>(indent), ' '); }
-
-void appendHead(std::string& out, uint32_t tag) {
+void appendHead(Out& out, uint32_t tag) {
     appendHex32(out, tag);
     if (const char* name = tagName(tag)) {
         out += ' ';
@@ -95,7 +85,7 @@ void appendHead(std::string& out, uint32_t tag) {
     }
 }
 
-void appendSpare(std::string& out, size_t spare, const char* where) {
+void appendSpare(Out& out, size_t spare, const char* where) {
     if (spare == 0) return;
     out += " (+";
     appendInt(out, spare);
@@ -106,7 +96,7 @@ void appendSpare(std::string& out, size_t spare, const char* where) {
 
 // What follows a row's tag and name on its dump line: "type[count] values", the line end,
 // and the dumps of its nested containers below it.
-void appendContent(std::string& out, const Row& row, int indent) {
+void appendContent(Out& out, const Row& row, int indent) {
     if (!row.hasContent) {
         out += " (no content)\n";
         return;
@@ -121,6 +111,7 @@ void appendContent(std::string& out, const Row& row, int indent) {
             out += ' ';
             appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts->size),
                           false);
+            out.checkpoint();
         }
     }
     for (size_t i = 0; i < row.blobs.size(); ++i) {
@@ -153,7 +144,7 @@ void appendContent(std::string& out, const Row& row, int indent) {
     }
 }
 
-void appendRow(std::string& out, const Row& row, int indent, const char* mark = "") {
+void appendRow(Out& out, const Row& row, int indent, const char* mark = "") {
     indentBy(out, indent);
     out += mark;
     appendHead(out, row.tag);
@@ -162,14 +153,35 @@ void appendRow(std::string& out, const Row& row, int indent, const char* mark = 
 
 }  // namespace
 
-void appendFloat(std::string& out, float value, bool json) {
+void Out::flush() {
+    if (!mText.empty() && std::fwrite(mText.data(), 1, mText.size(), mStream) != mText.size())
+        throw Failure(std::string("cannot write the output: ") + std::strerror(errno));
+    mText.clear();
+}
+
+void appendHexBytes(Out& out, const uint8_t* p, size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    // In slices, so that a blob of many megabytes goes out as it is written.
+    for (size_t done = 0; done < n;) {
+        const size_t slice = std::min<size_t>(n - done, 1 << 15);
+        char* dst = out.grow(2 * slice);
+        for (size_t i = 0; i < slice; ++i) {
+            dst[2 * i] = digits[p[done + i] >> 4];
+            dst[2 * i + 1] = digits[p[done + i] & 0xF];
+        }
+        done += slice;
+        out.checkpoint();
+    }
+}
+
+void appendFloat(Out& out, float value, bool json) {
     appendReal<float, uint32_t>(out, value, json);
 }
-void appendDouble(std::string& out, double value, bool json) {
+void appendDouble(Out& out, double value, bool json) {
     appendReal<double, uint64_t>(out, value, json);
 }
 
-void appendElement(std::string& out, int32_t type, const uint8_t* p, bool json) {
+void appendElement(Out& out, int32_t type, const uint8_t* p, bool json) {
     switch (type) {
         case NSCam::TYPE_UINT8:
             appendInt(out, static_cast<unsigned>(*p));
@@ -230,19 +242,22 @@ void appendElement(std::string& out, int32_t type, const uint8_t* p, bool json) 
     }
 }
 
-void dumpForm(std::string& out, const Form& form, const std::vector<uint32_t>& only, int indent) {
+void dumpForm(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent) {
     for (const Row& row : form.rows) {
-        if (only.empty() || std::find(only.begin(), only.end(), row.tag) != only.end())
+        if (only.empty() || std::find(only.begin(), only.end(), row.tag) != only.end()) {
             appendRow(out, row, indent);
+            out.checkpoint();
+        }
     }
 }
 
-void printValues(std::string& out, const Row& row) {
+void printValues(Out& out, const Row& row) {
     if (const NSCam::TypeFacts* facts = NSCam::typeFacts(row.type); facts && facts->basic) {
         for (uint32_t i = 0; i < row.count; ++i) {
             appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts->size),
                           false);
             out += '\n';
+            out.checkpoint();
         }
     }
     for (const Span& blob : row.blobs) {
@@ -257,7 +272,7 @@ void printValues(std::string& out, const Row& row) {
     }
 }
 
-bool diffForms(std::string& out, const Form& a, const Form& b, int indent) {
+bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
     // A tag's n-th row in one form is compared with its n-th row in the other, so a
     // repeated tag shows as such; the order of the rows is not compared.
     std::unordered_map<uint32_t, std::vector<const Row*>> inB;
@@ -296,13 +311,13 @@ bool diffForms(std::string& out, const Form& a, const Form& b, int indent) {
         appendInt(out, row.count);
         out += "]\n";
         for (size_t i = 0; i < row.nested.size(); ++i) {
-            std::string lines;
+            Out lines;
             if (!diffForms(lines, *row.nested[i], *other.nested[i], indent + 4)) continue;
             indentBy(out, indent + 2);
             out += '[';
             appendInt(out, i);
             out += "]\n";
-            out += lines;
+            out += lines.text();
         }
     }
     std::unordered_map<uint32_t, size_t> seenInB;

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -21,6 +22,41 @@ namespace zmeta {
 // An error that ends the command with exit code 2 and this one line on standard error.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+//------------------------------------------------------------------------------------------
+// Text on its way out. Given a stream, it is written out in chunks as it grows, so that the
+// dump of a 64 MiB form never holds all its text at once (and pays no page faults for it).
+class Out {
+public:
+    explicit Out(FILE* stream = nullptr) : mStream(stream) {}
+    Out& operator+=(char c) {
+        mText += c;
+        return *this;
+    }
+    Out& operator+=(std::string_view s) {
+        mText.append(s);
+        return *this;
+    }
+    void append(const char* p, size_t n) { mText.append(p, n); }
+    void pad(int spaces) { mText.append(static_cast<size_t>(spaces), ' '); }
+    // Room for `n` more characters, to be filled in place.
+    char* grow(size_t n) {
+        const size_t at = mText.size();
+        mText.resize(at + n);
+        return &mText[at];
+    }
+    // A point where the text may be written out; called between values and rows.
+    void checkpoint() {
+        if (mStream && mText.size() >= kChunk) flush();
+    }
+    void flush();  // writes what is held to the stream; throws Failure when it cannot
+    const std::string& text() const { return mText; }
+
+private:
+    static constexpr size_t kChunk = 1 << 16;
+    FILE* mStream;
+    std::string mText;
 };
 
 //------------------------------------------------------------------------------------------
@@ -45,7 +81,8 @@ const char* tagName(uint32_t tag);  // the Android name, or null
 bool parseTag(std::string_view text, uint32_t& tag);
 // A comma-separated list of tags, as -t takes it; throws Failure naming the bad item.
 std::vector<uint32_t> parseTagList(const std::vector<std::string>& items);
-void appendHex32(std::string& out, uint32_t value);  // "0x0008000a"
+void appendHex32(Out& out, uint32_t value);  // "0x0008000a"
+std::string hexTag(uint32_t tag);
 
 // A type's printed name: kTypeFacts' short name, "untyped" for -1, "type12" for others.
 std::string typeName(int32_t code);
@@ -89,23 +126,24 @@ bool sameRows(const Row& a, const Row& b);
 
 //------------------------------------------------------------------------------------------
 // Text (Text.cpp). Output goes to a string that the caller writes out.
-void appendFloat(std::string& out, float value, bool json);
-void appendDouble(std::string& out, double value, bool json);
+void appendFloat(Out& out, float value, bool json);
+void appendDouble(Out& out, double value, bool json);
+void appendHexBytes(Out& out, const uint8_t* bytes, size_t size);
 // One element of a basic type, as a dump shows it or as JSON holds it.
-void appendElement(std::string& out, int32_t type, const uint8_t* element, bool json);
+void appendElement(Out& out, int32_t type, const uint8_t* element, bool json);
 
 // One line per row (rows whose tag is in `only`, when it is not empty), nested containers
 // indented below their entry.
-void dumpForm(std::string& out, const Form& form, const std::vector<uint32_t>& only,
+void dumpForm(Out& out, const Form& form, const std::vector<uint32_t>& only,
               int indent = 0);
 // The values of one row, one a line (blobs whole, nested containers as dumps).
-void printValues(std::string& out, const Row& row);
+void printValues(Out& out, const Row& row);
 // Entries only in a, only in b, and changed; false when there is no difference.
-bool diffForms(std::string& out, const Form& a, const Form& b, int indent = 0);
+bool diffForms(Out& out, const Form& a, const Form& b, int indent = 0);
 
 //------------------------------------------------------------------------------------------
 // JSON (Json.cpp).
-void writeJson(std::string& out, const Form& form, const std::vector<uint32_t>& only);
+void writeJson(Out& out, const Form& form, const std::vector<uint32_t>& only);
 // The flat form of a document that writeJson wrote or a person edited; throws Failure
 // with the JSON path of what it cannot read.
 std::vector<uint8_t> formFromJson(std::string_view text);

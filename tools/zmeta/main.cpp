@@ -7,11 +7,13 @@
 #include <zorcam/metadata/MetadataCheck.h>
 #include <zorcam/platform/ULog.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -23,34 +25,56 @@ using namespace zmeta;
 
 std::string shownName(const std::string& file) { return file == "-" ? "standard input" : file; }
 
-// The whole file (or standard input, for "-").
-std::vector<uint8_t> readAll(const std::string& file) {
-    FILE* f = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
-    if (!f) throw Failure(file + ": " + std::strerror(errno));
-    std::vector<uint8_t> data;
-    size_t used = 0;
-    for (;;) {
-        if (data.size() - used < (1u << 20)) data.resize(std::max<size_t>(2 * data.size(), 1u << 20));
-        const size_t n = std::fread(data.data() + used, 1, data.size() - used, f);
-        used += n;
-        if (n == 0) break;
+// The whole of a file (or of standard input, for "-"), in private memory: what is checked
+// must be what is read, whoever else may be writing the file. Grown by realloc, which moves
+// large blocks by remapping rather than copying, and never zero-filled, so that a 64 MiB
+// input costs one pass over its bytes.
+class Input {
+public:
+    explicit Input(const std::string& file) {
+        FILE* f = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+        if (!f) throw Failure(file + ": " + std::strerror(errno));
+        struct stat st;
+        size_t capacity = fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)
+                              ? static_cast<size_t>(st.st_size) + 1  // + 1: sees the end at once
+                              : size_t{1} << 20;
+        for (;;) {
+            if (mSize == capacity || !mData) {
+                capacity = mData ? 2 * capacity : capacity;
+                void* grown = std::realloc(mData, capacity);
+                if (!grown) throw std::bad_alloc();
+                mData = static_cast<uint8_t*>(grown);
+            }
+            const size_t n = std::fread(mData + mSize, 1, capacity - mSize, f);
+            mSize += n;
+            if (n == 0) break;
+        }
+        const bool failed = std::ferror(f);
+        const int error = errno;
+        if (f != stdin) std::fclose(f);
+        if (failed) throw Failure(shownName(file) + ": " + std::strerror(error));
     }
-    const bool failed = std::ferror(f);
-    const int error = errno;
-    if (f != stdin) std::fclose(f);
-    if (failed) throw Failure(shownName(file) + ": " + std::strerror(error));
-    data.resize(used);
-    return data;
-}
+    ~Input() { std::free(mData); }
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+
+    const uint8_t* data() const { return mData; }
+    size_t size() const { return mSize; }
+
+private:
+    uint8_t* mData = nullptr;
+    size_t mSize = 0;
+};
 
 // A file's bytes and its rows, once the check has accepted them. Nothing walks or rebuilds
 // foreign bytes before checkFlatMetadata has said yes.
 struct Loaded {
-    std::vector<uint8_t> bytes;
+    explicit Loaded(const std::string& file) : bytes(file) {}
+    Input bytes;
     std::unique_ptr<Form> form;
 };
 
-std::unique_ptr<Form> rowsOf(const std::string& file, const std::vector<uint8_t>& bytes,
+std::unique_ptr<Form> rowsOf(const std::string& file, const Input& bytes,
                              const NSCam::FlatCheck& check) {
     std::unique_ptr<Form> form;
     try {
@@ -63,28 +87,22 @@ std::unique_ptr<Form> rowsOf(const std::string& file, const std::vector<uint8_t>
     return form;
 }
 
-Loaded load(const std::string& file) {
-    Loaded l;
-    l.bytes = readAll(file);
-    const NSCam::FlatCheck check = NSCam::checkFlatMetadata(l.bytes.data(), l.bytes.size());
+std::unique_ptr<Loaded> load(const std::string& file) {
+    auto l = std::make_unique<Loaded>(file);
+    const NSCam::FlatCheck check = NSCam::checkFlatMetadata(l->bytes.data(), l->bytes.size());
     if (!check.ok)
         throw Failure(shownName(file) + ": not a flat form: " + check.reason + " at byte " +
                       std::to_string(check.offset));
-    l.form = rowsOf(file, l.bytes, check);
+    l->form = rowsOf(file, l->bytes, check);
     return l;
 }
 
-void emit(const void* data, size_t size) {
-    if (std::fwrite(data, 1, size, stdout) != size || std::fflush(stdout) != 0)
-        throw Failure(std::string("standard output: ") + std::strerror(errno));
-}
-void emit(const std::string& text) { emit(text.data(), text.size()); }
-
-void emitBinary(const std::vector<uint8_t>& bytes) {
+// A flat form for standard output, which had better not be a terminal.
+void emitBinary(Out& out, const std::vector<uint8_t>& bytes) {
     if (isatty(STDOUT_FILENO))
         throw Failure("standard output is a terminal: redirect the flat form to a file or pipe it "
                       "into another command");
-    emit(bytes.data(), bytes.size());
+    out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 std::string spareAfter(const Form& form) {
@@ -133,7 +151,17 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) return app.exit(e);  // --help
-        std::fprintf(stderr, "zmeta: %s (see zmeta --help)\n", e.what());
+        std::string why = e.what();
+        if (app.get_subcommands().empty()) {
+            // "A subcommand is required" also when the word given is not a command: say so.
+            for (int i = 1; i < argc; ++i) {
+                if (argv[i][0] != '-') {
+                    why = std::string("'") + argv[i] + "' is not a command";
+                    break;
+                }
+            }
+        }
+        std::fprintf(stderr, "zmeta: %s (see zmeta --help)\n", why.c_str());
         return 2;
     }
     // Standard error carries the tool's own one-line errors; the library's log lines (it
@@ -141,21 +169,21 @@ int main(int argc, char** argv) {
     if (!verbose) NSCam::Utils::ULog::ULogger::sMode = 0;
 
     try {
-        std::string out;
+        Out out(stdout);
+        int status = 0;
         if (sample->parsed()) {
-            emitBinary(sampleForm());
+            emitBinary(out, sampleForm());
         } else if (dump->parsed() || json->parsed()) {
             const std::vector<uint32_t> tags = parseTagList(only);
-            const Loaded l = load(fileA);
+            const auto l = load(fileA);
             if (dump->parsed()) {
-                dumpForm(out, *l.form, tags);
-                if (tags.empty()) out += spareAfter(*l.form);
+                dumpForm(out, *l->form, tags);
+                if (tags.empty()) out += spareAfter(*l->form);
             } else {
-                writeJson(out, *l.form, tags);
+                writeJson(out, *l->form, tags);
             }
-            emit(out);
         } else if (fromJson->parsed()) {
-            const std::vector<uint8_t> text = readAll(fileA);
+            const Input text(fileA);
             std::vector<uint8_t> bytes;
             try {
                 bytes = formFromJson(std::string_view(reinterpret_cast<const char*>(text.data()),
@@ -163,35 +191,43 @@ int main(int argc, char** argv) {
             } catch (const Failure& e) {
                 throw Failure(shownName(fileA) + ": " + e.what());
             }
-            emitBinary(bytes);
+            emitBinary(out, bytes);
         } else if (get->parsed()) {
             uint32_t tag;
             if (!parseTag(tagText, tag))
                 throw Failure(tagText + ": neither a tag number nor a known tag name");
-            const Loaded l = load(fileA);
-            const Row* row = findRow(*l.form, tag);
-            if (!row) return 1;
-            printValues(out, *row);
-            emit(out);
+            const auto l = load(fileA);
+            const Row* row = findRow(*l->form, tag);
+            if (row)
+                printValues(out, *row);
+            else
+                status = 1;
         } else if (diff->parsed()) {
-            const Loaded a = load(fileA);
-            const Loaded b = load(fileB);
-            if (!diffForms(out, *a.form, *b.form)) return 0;
-            emit("--- " + shownName(fileA) + "\n+++ " + shownName(fileB) + "\n" + out);
-            return 1;
-        } else {
-            const std::vector<uint8_t> bytes = readAll(fileA);
-            const NSCam::FlatCheck c = NSCam::checkFlatMetadata(bytes.data(), bytes.size());
-            if (!c.ok) {
-                emit("refused at byte " + std::to_string(c.offset) + ": " + c.reason + "\n");
-                return 1;
+            const auto a = load(fileA);
+            const auto b = load(fileB);
+            Out lines;
+            if (diffForms(lines, *a->form, *b->form)) {
+                out += "--- " + shownName(fileA) + "\n+++ " + shownName(fileB) + "\n";
+                out += lines.text();
+                status = 1;
             }
-            const std::unique_ptr<Form> form = rowsOf(fileA, bytes, c);
-            const size_t n = form->rows.size();
-            emit("ok: " + std::to_string(n) + (n == 1 ? " entry, " : " entries, ") +
-                 std::to_string(c.consumed) + " bytes\n" + spareAfter(*form));
+        } else {
+            const Input bytes(fileA);
+            const NSCam::FlatCheck c = NSCam::checkFlatMetadata(bytes.data(), bytes.size());
+            if (c.ok) {
+                const std::unique_ptr<Form> form = rowsOf(fileA, bytes, c);
+                const size_t n = form->rows.size();
+                out += "ok: " + std::to_string(n) + (n == 1 ? " entry, " : " entries, ") +
+                       std::to_string(c.consumed) + " bytes\n" + spareAfter(*form);
+            } else {
+                out += "refused at byte " + std::to_string(c.offset) + ": " + c.reason + "\n";
+                status = 1;
+            }
         }
-        return 0;
+        out.flush();
+        if (std::fflush(stdout) != 0)
+            throw Failure(std::string("cannot write the output: ") + std::strerror(errno));
+        return status;
     } catch (const Failure& e) {
         std::fprintf(stderr, "zmeta: %s\n", e.what());
     } catch (const std::bad_alloc&) {
