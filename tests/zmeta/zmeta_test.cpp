@@ -206,6 +206,7 @@ struct EdgeForm {
     const char* name;
     Bytes form;
 };
+void PrintTo(const EdgeForm& f, std::ostream* os) { *os << f.name; }
 class ZmetaEdges : public testing::TestWithParam<EdgeForm> {};
 
 TEST_P(ZmetaEdges, JsonRoundTripIsByteExact) {
@@ -249,6 +250,7 @@ struct Use {
     const char* out;  // expected within standard output; empty for errors
     const char* err;  // expected within the error line
 };
+void PrintTo(const Use& u, std::ostream* os) { *os << u.command; }
 class ZmetaUse : public testing::TestWithParam<Use> {
 public:
     static void SetUpTestSuite() {

@@ -113,7 +113,8 @@ std::string spareAfter(const Form& form) {
 
 int main(int argc, char** argv) {
     CLI::App app{"zmeta: reads, checks, compares and converts flat metadata.\n"
-                 "FILE may be - for standard input; output goes to standard output."};
+                 "FILE may be - for standard input; output goes to standard output.",
+                 "zmeta"};
     app.require_subcommand(1);
     app.fallthrough();
     bool verbose = false;
