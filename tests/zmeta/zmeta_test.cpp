@@ -224,12 +224,15 @@ INSTANTIATE_TEST_SUITE_P(
                                          {0x3, content(12, 0)}})},
         EdgeForm{"float_bits",
                  storage({{0x00080002,
-                           content(TYPE_FLOAT, 8,
+                           content(TYPE_FLOAT, 9,
                                    raw({floatBits(0x7fc00001), floatBits(0xffa00000), -0.0f,
                                         std::numeric_limits<float>::infinity(),
                                         -std::numeric_limits<float>::infinity(),
                                         std::numeric_limits<float>::max(),
-                                        std::numeric_limits<float>::denorm_min(), 0.1f}))}})},
+                                        std::numeric_limits<float>::denorm_min(), 0.1f,
+                                        // its shortest text, read as a double, narrows to
+                                        // the next float
+                                        floatBits(0x15ae43fd)}))}})},
         EdgeForm{"double_bits",
                  storage({{0x00070000,
                            content(TYPE_DOUBLE, 5,
