@@ -19,6 +19,7 @@
 #include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataCheck.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -33,13 +34,11 @@ namespace {
 namespace flat = NSCam::flat;
 using nlohmann::json;
 
-void indentBy(Out& out, int indent) { out.pad(indent); }
-
 void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
                  int indent);
 
 void appendEntry(Out& out, const Row& row, int indent) {
-    indentBy(out, indent);
+    out.pad(indent);
     out += "{\"tag\": \"";
     appendHex32(out, row.tag);
     out += "\", \"name\": ";
@@ -83,19 +82,19 @@ void appendEntry(Out& out, const Row& row, int indent) {
             if (row.nested[i]) {
                 appendBlock(out, *row.nested[i], {}, indent + 2);
             } else {
-                indentBy(out, indent + 2);
+                out.pad(indent + 2);
                 out += "null";
             }
             out += i + 1 < row.nested.size() ? ",\n" : "\n";
         }
-        indentBy(out, indent);
+        out.pad(indent);
     }
     out += "]}";
 }
 
 void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
                  int indent) {
-    indentBy(out, indent);
+    out.pad(indent);
     out += "[";
     bool first = true;
     for (const Row& row : form.rows) {
@@ -108,7 +107,7 @@ void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
     }
     if (!first) {
         out += '\n';
-        indentBy(out, indent);
+        out.pad(indent);
     }
     out += ']';
 }

@@ -46,19 +46,18 @@ void appendReal(Out& out, F value, bool json) {
         return;
     }
     char buf[64];
-    char* end = std::to_chars(buf, buf + sizeof(buf) - 1, value).ptr;
+    char* end = std::to_chars(buf, buf + sizeof(buf), value).ptr;
     if constexpr (std::is_same_v<F, float>) {
         if (json) {
             // JSON readers hold numbers as doubles, so a float takes one more rounding on
             // its way back (double, then float). Where the shortest float text does not
-            // survive that, the double's shortest text of the same value does. Over all
-            // 2^32 floats that is two values, +-7.038531e-26 (bits 0x15ae43fd), but which
-            // ones depends on nothing this code controls, so every float is tried.
+            // survive that, the double's shortest text of the same value does. Of all 2^32
+            // floats, two need it: +-7.038531e-26 (bits 0x15ae43fd and 0x95ae43fd).
             double read = 0;
             std::from_chars(buf, end, read);  // correctly rounded, as strtod
             const float back = static_cast<float>(read);
             if (std::memcmp(&back, &value, sizeof(value)) != 0)
-                end = std::to_chars(buf, buf + sizeof(buf) - 1, static_cast<double>(value)).ptr;
+                end = std::to_chars(buf, buf + sizeof(buf), static_cast<double>(value)).ptr;
         }
     }
     out.append(buf, static_cast<size_t>(end - buf));
@@ -76,8 +75,6 @@ int32_t i32At(const uint8_t* p, int i) {
     std::memcpy(&v, p + 4 * i, 4);
     return v;
 }
-
-void indentBy(Out& out, int indent) { out.pad(indent); }
 
 void appendHead(Out& out, uint32_t tag) {
     appendHex32(out, tag);
@@ -132,7 +129,7 @@ void appendContent(Out& out, const Row& row, int indent) {
     appendSpare(out, row.spare, " in record");
     out += '\n';
     for (size_t i = 0; i < row.nested.size(); ++i) {
-        indentBy(out, indent + 2);
+        out.pad(indent + 2);
         out += '[';
         appendInt(out, i);
         out += ']';
@@ -147,7 +144,7 @@ void appendContent(Out& out, const Row& row, int indent) {
 }
 
 void appendRow(Out& out, const Row& row, int indent, const char* mark = "") {
-    indentBy(out, indent);
+    out.pad(indent);
     out += mark;
     appendHead(out, row.tag);
     appendContent(out, row, indent);
@@ -292,7 +289,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
         const Row& other = *it->second[n];
         if (sameRows(row, other)) continue;
         differ = true;
-        indentBy(out, indent);
+        out.pad(indent);
         out += "~ ";
         appendHead(out, row.tag);
         // Containers of as many non-empty slots: the differences slot by slot.
@@ -303,7 +300,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
         if (!slots) {
             out += '\n';
             for (const Row* side : {&row, &other}) {
-                indentBy(out, indent + 2);
+                out.pad(indent + 2);
                 out += side == &row ? '-' : '+';
                 appendContent(out, *side, indent + 2);
             }
@@ -315,7 +312,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
         for (size_t i = 0; i < row.nested.size(); ++i) {
             Out lines;
             if (!diffForms(lines, *row.nested[i], *other.nested[i], indent + 4)) continue;
-            indentBy(out, indent + 2);
+            out.pad(indent + 2);
             out += '[';
             appendInt(out, i);
             out += "]\n";
