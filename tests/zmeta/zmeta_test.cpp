@@ -1,9 +1,9 @@
 // Drives the zmeta binary as a user does: through a shell, with files and pipes. The
 // library is linked only to build inputs and to normalise forms (rebuild, then flatten).
-#include <zorcam/metadata/IMetadata.h>
-#include <zorcam/metadata/MetadataCheck.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <zorcam/metadata/IMetadata.h>
+#include <zorcam/metadata/MetadataCheck.h>
 
 #include <cmath>
 #include <cstdio>
@@ -53,7 +53,8 @@ Result run(const std::string& line) {
         if (next < line.size()) command += ZMETA_BINARY;
     }
     const fs::path err = scratch() / "stderr";
-    FILE* p = popen(("cd " + scratch().string() + " && " + command + " 2>" + err.string()).c_str(), "r");
+    FILE* p =
+        popen(("cd " + scratch().string() + " && " + command + " 2>" + err.string()).c_str(), "r");
     Result r{-1, {}, {}};
     char buf[65536];
     for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) r.out.append(buf, n);
@@ -66,8 +67,12 @@ Result run(const std::string& line) {
 void write(const std::string& name, const void* data, size_t size) {
     std::ofstream(scratch() / name, std::ios::binary).write(static_cast<const char*>(data), size);
 }
-void write(const std::string& name, const Bytes& b) { write(name, b.data(), b.size()); }
-void write(const std::string& name, const std::string& s) { write(name, s.data(), s.size()); }
+void write(const std::string& name, const Bytes& b) {
+    write(name, b.data(), b.size());
+}
+void write(const std::string& name, const std::string& s) {
+    write(name, s.data(), s.size());
+}
 
 Bytes flat(const IMetadata& m) {
     Bytes b(static_cast<size_t>(m.flattenSize()));
@@ -184,7 +189,9 @@ std::vector<fs::path> acceptedSeeds() {
     return seeds;
 }
 
-TEST(ZmetaCorpusSeeds, AreThere) { EXPECT_GE(acceptedSeeds().size(), 30u); }
+TEST(ZmetaCorpusSeeds, AreThere) {
+    EXPECT_GE(acceptedSeeds().size(), 30u);
+}
 
 TEST_P(ZmetaCorpus, JsonRoundTripIsByteExact) {
     const std::string s = slurp(GetParam());
@@ -206,7 +213,9 @@ struct EdgeForm {
     const char* name;
     Bytes form;
 };
-void PrintTo(const EdgeForm& f, std::ostream* os) { *os << f.name; }
+void PrintTo(const EdgeForm& f, std::ostream* os) {
+    *os << f.name;
+}
 class ZmetaEdges : public testing::TestWithParam<EdgeForm> {};
 
 TEST_P(ZmetaEdges, JsonRoundTripIsByteExact) {
@@ -219,20 +228,19 @@ INSTANTIATE_TEST_SUITE_P(
         EdgeForm{"repeated_tag", storage({{0x00010001, content(TYPE_INT32, 1, raw({1}))},
                                           {0x00010001, content(TYPE_INT64, 1, raw({2L}))}})},
         EdgeForm{"row_without_content", storage({{0x000c0001, {}}, {0x00000000, {}}})},
-        EdgeForm{"empty_typed", storage({{0x1, content(TYPE_INT32, 0)},
-                                         {0x2, content(-1, 0)},
-                                         {0x3, content(12, 0)}})},
+        EdgeForm{
+            "empty_typed",
+            storage({{0x1, content(TYPE_INT32, 0)}, {0x2, content(-1, 0)}, {0x3, content(12, 0)}})},
         EdgeForm{"float_bits",
-                 storage({{0x00080002,
-                           content(TYPE_FLOAT, 9,
-                                   raw({floatBits(0x7fc00001), floatBits(0xffa00000), -0.0f,
-                                        std::numeric_limits<float>::infinity(),
-                                        -std::numeric_limits<float>::infinity(),
-                                        std::numeric_limits<float>::max(),
-                                        std::numeric_limits<float>::denorm_min(), 0.1f,
-                                        // its shortest text, read as a double, narrows to
-                                        // the next float
-                                        floatBits(0x15ae43fd)}))}})},
+                 storage({{0x00080002, content(TYPE_FLOAT, 9,
+                                               raw({floatBits(0x7fc00001), floatBits(0xffa00000),
+                                                    -0.0f, std::numeric_limits<float>::infinity(),
+                                                    -std::numeric_limits<float>::infinity(),
+                                                    std::numeric_limits<float>::max(),
+                                                    std::numeric_limits<float>::denorm_min(), 0.1f,
+                                                    // its shortest text, read as a double, narrows
+                                                    // to the next float
+                                                    floatBits(0x15ae43fd)}))}})},
         EdgeForm{"double_bits",
                  storage({{0x00070000,
                            content(TYPE_DOUBLE, 5,
@@ -241,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(
                                         std::numeric_limits<double>::denorm_min(), 0.1}))}})},
         EdgeForm{"empty_slots_and_blobs",
                  storage({{0x90000000, content(TYPE_IMetadata, 3,
-                                                slots({{}, storage({}), storage({{0x5, {}}})}))},
+                                               slots({{}, storage({}), storage({{0x5, {}}})}))},
                           {0x90010000, content(TYPE_Memory, 2, slots({{}, {0xab}}))}})}),
     [](const testing::TestParamInfo<EdgeForm>& p) { return std::string(p.param.name); });
 
@@ -253,7 +261,9 @@ struct Use {
     const char* out;  // expected within standard output; empty for errors
     const char* err;  // expected within the error line
 };
-void PrintTo(const Use& u, std::ostream* os) { *os << u.command; }
+void PrintTo(const Use& u, std::ostream* os) {
+    *os << u.command;
+}
 class ZmetaUse : public testing::TestWithParam<Use> {
 public:
     static void SetUpTestSuite() {
@@ -265,6 +275,8 @@ public:
         write("a", flat(a));
         write("b", flat(b));
         write("bad_type", storage({{0x00010001, content(11, 1, raw({1}))}}));
+        write("repeated", storage({{0x00010001, content(TYPE_INT32, 1, raw({1}))},
+                                   {0x00010001, content(TYPE_INT32, 2, raw({2, 3}))}}));
         write("truncated", flat(a).data(), flat(a).size() - 1);
         write("garbage.json", std::string("[{\"tag\": 1,"));
         write("wide.json", std::string(R"([{"tag": "0x1", "type": "uint8", "values": [256]}])"));
@@ -298,6 +310,7 @@ INSTANTIATE_TEST_SUITE_P(
         Use{"json_of_truncated", "zmeta json - < truncated", 2, "", "standard input: not a flat"},
         Use{"get_by_name", "zmeta get a android.lens.focalLength", 0, "4.38\n", ""},
         Use{"get_by_number", "zmeta get a 0x00010003", 0, "1\n", ""},
+        Use{"get_repeated_gives_the_last", "zmeta get repeated 0x00010001", 0, "2\n3\n", ""},
         Use{"get_absent", "zmeta get a android.control.afMode", 1, "", ""},
         Use{"get_unknown_name", "zmeta get a android.lens.nothing", 2, "", "android.lens.nothing"},
         Use{"dump_filtered", "zmeta dump -t android.control.aeMode a", 0,
@@ -310,7 +323,8 @@ INSTANTIATE_TEST_SUITE_P(
             ""},
         Use{"missing_file", "zmeta dump nothing_here", 2, "", "nothing_here: No such file"},
         Use{"bad_json", "zmeta from-json garbage.json", 2, "", "garbage.json: not JSON"},
-        Use{"value_out_of_range", "zmeta from-json wide.json", 2, "", "/0/values/0: not an integer"},
+        Use{"value_out_of_range", "zmeta from-json wide.json", 2, "",
+            "/0/values/0: not an integer"},
         Use{"name_not_of_tag", "zmeta from-json misnamed.json", 2, "", "/0/name"},
         Use{"no_file_argument", "zmeta dump", 2, "", "FILE"},
         Use{"unknown_command", "zmeta frobnicate a", 2, "", "frobnicate"}),
@@ -318,8 +332,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 // Forms of 64 MiB and more come through a pipe whole.
 TEST(ZmetaInput, Reads64MiBFromStandardInput) {
-    write("big", storage({{0x90010000, content(TYPE_Memory, 64,
-                                               slots(std::vector<Bytes>(64, Bytes(1 << 20, 7))))}}));
+    write("big",
+          storage({{0x90010000,
+                    content(TYPE_Memory, 64, slots(std::vector<Bytes>(64, Bytes(1 << 20, 7))))}}));
     const Result r = run("cat big | zmeta check -");
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out, "ok: 1 entry, 67109148 bytes\n");

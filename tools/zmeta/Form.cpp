@@ -135,8 +135,7 @@ bool sameRows(const Row& a, const Row& b) {
         return false;
     for (size_t i = 0; i < a.blobs.size(); ++i) {
         const Span &x = a.blobs[i], &y = b.blobs[i];
-        if (x.size != y.size || (x.size && std::memcmp(x.data, y.data, x.size) != 0))
-            return false;
+        if (x.size != y.size || (x.size && std::memcmp(x.data, y.data, x.size) != 0)) return false;
     }
     for (size_t i = 0; i < a.nested.size(); ++i) {
         const Form *x = a.nested[i].get(), *y = b.nested[i].get();

@@ -34,8 +34,7 @@ namespace {
 namespace flat = NSCam::flat;
 using nlohmann::json;
 
-void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
-                 int indent);
+void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent);
 
 void appendEntry(Out& out, const Row& row, int indent) {
     out.pad(indent);
@@ -92,14 +91,12 @@ void appendEntry(Out& out, const Row& row, int indent) {
     out += "]}";
 }
 
-void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only,
-                 int indent) {
+void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent) {
     out.pad(indent);
     out += "[";
     bool first = true;
     for (const Row& row : form.rows) {
-        if (!only.empty() && std::find(only.begin(), only.end(), row.tag) == only.end())
-            continue;
+        if (!only.empty() && std::find(only.begin(), only.end(), row.tag) == only.end()) continue;
         out += first ? "\n" : ",\n";
         first = false;
         appendEntry(out, row, indent + 2);
@@ -325,15 +322,17 @@ std::vector<uint8_t> formFromJson(std::string_view text) {
         // "[json.exception.parse_error.101] parse error at line 3, column 1: ..."
         std::string why = e.what();
         const size_t bracket = why.find("] ");
-        throw Failure("not JSON: " + (bracket == std::string::npos ? why : why.substr(bracket + 2)));
+        throw Failure("not JSON: " +
+                      (bracket == std::string::npos ? why : why.substr(bracket + 2)));
     }
     FormWriter writer;
     writer.block(doc, "", 0);
     // Written from the layout by hand, so checked the way a receiver would check it.
-    const NSCam::FlatCheck check = NSCam::checkFlatMetadata(writer.bytes.data(), writer.bytes.size());
+    const NSCam::FlatCheck check =
+        NSCam::checkFlatMetadata(writer.bytes.data(), writer.bytes.size());
     if (!check.ok)
-        throw Failure(std::string("receivers would refuse the form: ") + check.reason + " at byte " +
-                      std::to_string(check.offset));
+        throw Failure(std::string("receivers would refuse the form: ") + check.reason +
+                      " at byte " + std::to_string(check.offset));
     return std::move(writer.bytes);
 }
 

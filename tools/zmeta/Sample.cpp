@@ -37,16 +37,19 @@ std::vector<uint8_t> sampleForm() {
         const int seed = static_cast<int>(i);
         switch (type) {
             case NSCam::TYPE_UINT8:
-                put(request, row.tag, std::vector<uint8_t>(row.count, static_cast<uint8_t>(seed % 4)));
+                put(request, row.tag,
+                    std::vector<uint8_t>(row.count, static_cast<uint8_t>(seed % 4)));
                 break;
             case NSCam::TYPE_INT32: {
                 std::vector<int> values(row.count);
-                for (uint32_t k = 0; k < row.count; ++k) values[k] = seed * 10 + static_cast<int>(k);
+                for (uint32_t k = 0; k < row.count; ++k)
+                    values[k] = seed * 10 + static_cast<int>(k);
                 put(request, row.tag, values);
                 break;
             }
             case NSCam::TYPE_FLOAT:
-                put(request, row.tag, std::vector<float>{4.38f, 1.8f, 0.5f * static_cast<float>(seed), 2.0f});
+                put(request, row.tag,
+                    std::vector<float>{4.38f, 1.8f, 0.5f * static_cast<float>(seed), 2.0f});
                 break;
             case NSCam::TYPE_INT64:
                 put(request, row.tag, std::vector<long>{33333333L + seed});

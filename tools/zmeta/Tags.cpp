@@ -36,8 +36,8 @@ bool parseNumber(std::string_view text, uint32_t& value) {
 
 const char* tagName(uint32_t tag) {
     const auto& v = byTag();
-    const auto it = std::lower_bound(v.begin(), v.end(), tag,
-                                     [](const TagName* t, uint32_t value) { return t->tag < value; });
+    const auto it = std::lower_bound(
+        v.begin(), v.end(), tag, [](const TagName* t, uint32_t value) { return t->tag < value; });
     return it != v.end() && (*it)->tag == tag ? (*it)->name : nullptr;
 }
 
@@ -70,7 +70,9 @@ std::string hexTag(uint32_t tag) {
     return text;
 }
 
-void appendHex32(Out& out, uint32_t value) { out += hexTag(value); }
+void appendHex32(Out& out, uint32_t value) {
+    out += hexTag(value);
+}
 
 std::string typeName(int32_t code) {
     if (const NSCam::TypeFacts* facts = NSCam::typeFacts(code)) return facts->shortName;

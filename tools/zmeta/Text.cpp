@@ -1,7 +1,7 @@
 // The text forms of values and rows: dump, get and diff.
 #include <algorithm>
-#include <charconv>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <type_traits>
@@ -19,7 +19,8 @@ template <typename Bits>
 void appendBits(Out& out, Bits bits) {
     static const char digits[] = "0123456789abcdef";
     out += "0x";
-    for (int shift = 8 * sizeof(Bits) - 4; shift >= 0; shift -= 4) out += digits[(bits >> shift) & 0xF];
+    for (int shift = 8 * sizeof(Bits) - 4; shift >= 0; shift -= 4)
+        out += digits[(bits >> shift) & 0xF];
 }
 
 // Shortest text that reads back as the same value. Non-finite values have no JSON number:

@@ -134,8 +134,7 @@ void appendElement(Out& out, int32_t type, const uint8_t* element, bool json);
 
 // One line per row (rows whose tag is in `only`, when it is not empty), nested containers
 // indented below their entry.
-void dumpForm(Out& out, const Form& form, const std::vector<uint32_t>& only,
-              int indent = 0);
+void dumpForm(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent = 0);
 // The values of one row, one a line (blobs whole, nested containers as dumps).
 void printValues(Out& out, const Row& row);
 // Entries only in a, only in b, and changed; false when there is no difference.

@@ -23,7 +23,9 @@ namespace {
 
 using namespace zmeta;
 
-std::string shownName(const std::string& file) { return file == "-" ? "standard input" : file; }
+std::string shownName(const std::string& file) {
+    return file == "-" ? "standard input" : file;
+}
 
 // The whole of a file (or of standard input, for "-"), in private memory: what is checked
 // must be what is read, whoever else may be writing the file. Grown by realloc, which moves
@@ -83,7 +85,8 @@ std::unique_ptr<Form> rowsOf(const std::string& file, const Input& bytes,
         throw Failure(shownName(file) + ": " + e.what());
     }
     if (bytes.size() - form->spare != check.consumed)
-        throw Failure(shownName(file) + ": the check and this tool disagree on where the form ends");
+        throw Failure(shownName(file) +
+                      ": the check and this tool disagree on where the form ends");
     return form;
 }
 
@@ -100,8 +103,9 @@ std::unique_ptr<Loaded> load(const std::string& file) {
 // A flat form for standard output, which had better not be a terminal.
 void emitBinary(Out& out, const std::vector<uint8_t>& bytes) {
     if (isatty(STDOUT_FILENO))
-        throw Failure("standard output is a terminal: redirect the flat form to a file or pipe it "
-                      "into another command");
+        throw Failure(
+            "standard output is a terminal: redirect the flat form to a file or pipe it "
+            "into another command");
     out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
@@ -112,9 +116,10 @@ std::string spareAfter(const Form& form) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"zmeta: reads, checks, compares and converts flat metadata.\n"
-                 "FILE may be - for standard input; output goes to standard output.",
-                 "zmeta"};
+    CLI::App app{
+        "zmeta: reads, checks, compares and converts flat metadata.\n"
+        "FILE may be - for standard input; output goes to standard output.",
+        "zmeta"};
     app.require_subcommand(1);
     app.fallthrough();
     bool verbose = false;
@@ -126,11 +131,14 @@ int main(int argc, char** argv) {
         cmd->add_option(name, into, "a flat form, or - for standard input")->required();
     };
     const auto tagsOption = [&](CLI::App* cmd) {
-        cmd->add_option("-t,--tags", only, "only these tags: numbers or Android names, comma-separated")
+        cmd->add_option("-t,--tags", only,
+                        "only these tags: numbers or Android names, comma-separated")
             ->delimiter(',');
     };
-    CLI::App* sample = app.add_subcommand("sample", "write the flat form of a sample capture request");
-    CLI::App* dump = app.add_subcommand("dump", "one line per entry: tag, name, type[count], values");
+    CLI::App* sample =
+        app.add_subcommand("sample", "write the flat form of a sample capture request");
+    CLI::App* dump =
+        app.add_subcommand("dump", "one line per entry: tag, name, type[count], values");
     tagsOption(dump);
     fileOption(dump, fileA, "FILE");
     CLI::App* json = app.add_subcommand("json", "the entries as JSON, in row order");
@@ -187,8 +195,8 @@ int main(int argc, char** argv) {
             const Input text(fileA);
             std::vector<uint8_t> bytes;
             try {
-                bytes = formFromJson(std::string_view(reinterpret_cast<const char*>(text.data()),
-                                                      text.size()));
+                bytes = formFromJson(
+                    std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
             } catch (const Failure& e) {
                 throw Failure(shownName(fileA) + ": " + e.what());
             }
