@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "Zmeta.h"
@@ -36,35 +37,29 @@ public:
     explicit Input(const std::string& file) {
         FILE* f = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
         if (!f) throw Failure(file + ": " + std::strerror(errno));
+        const std::unique_ptr<FILE, int (*)(FILE*)> closer(f == stdin ? nullptr : f, std::fclose);
         struct stat st;
         size_t capacity = fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)
                               ? static_cast<size_t>(st.st_size) + 1  // + 1: sees the end at once
                               : size_t{1} << 20;
-        for (;;) {
+        for (size_t n = 1; n > 0; mSize += n) {
             if (mSize == capacity || !mData) {
                 capacity = mData ? 2 * capacity : capacity;
-                void* grown = std::realloc(mData, capacity);
+                void* grown = std::realloc(mData.get(), capacity);
                 if (!grown) throw std::bad_alloc();
-                mData = static_cast<uint8_t*>(grown);
+                mData.release();
+                mData.reset(static_cast<uint8_t*>(grown));
             }
-            const size_t n = std::fread(mData + mSize, 1, capacity - mSize, f);
-            mSize += n;
-            if (n == 0) break;
+            n = std::fread(mData.get() + mSize, 1, capacity - mSize, f);
         }
-        const bool failed = std::ferror(f);
-        const int error = errno;
-        if (f != stdin) std::fclose(f);
-        if (failed) throw Failure(shownName(file) + ": " + std::strerror(error));
+        if (std::ferror(f)) throw Failure(shownName(file) + ": " + std::strerror(errno));
     }
-    ~Input() { std::free(mData); }
-    Input(const Input&) = delete;
-    Input& operator=(const Input&) = delete;
 
-    const uint8_t* data() const { return mData; }
+    const uint8_t* data() const { return mData.get(); }
     size_t size() const { return mSize; }
 
 private:
-    uint8_t* mData = nullptr;
+    std::unique_ptr<uint8_t, void (*)(void*)> mData{nullptr, std::free};
     size_t mSize = 0;
 };
 
