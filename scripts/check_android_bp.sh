@@ -37,9 +37,10 @@ if [ -z "$cmake_sources" ]; then
     exit 1
 fi
 
-# Quoted source names in Android.bp, comments dropped, patterns expanded from this tree.
+# Quoted source names in Android.bp, comments and generated outputs (`out:`) dropped, patterns
+# expanded from this tree.
 bp_sources=$(
-    sed 's://.*$::' Android.bp | grep -oE '"[^"]+\.(cpp|cc|c)"' | tr -d '"' | while read -r f; do
+    sed 's://.*$::' Android.bp | grep -vE '^\s*out:' | grep -oE '"[^"]+\.(cpp|cc|c)"' | tr -d '"' | while read -r f; do
         if [[ "$f" == *"*"* ]]; then
             compgen -G "$f" || true
         else
