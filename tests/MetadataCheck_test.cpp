@@ -67,11 +67,13 @@ protected:
         EXPECT_EQ(zorcam_test::largestAllocation(), 0u);  // the check allocates nothing
         const std::string said = c.reason + ("@" + std::to_string(c.ok ? c.consumed : c.offset));
         if (++seen[c.reason]; said.rfind("type code out of range@", 0) == 0) return said;
+        zorcam_test::resetPeakBytes();
         EXPECT_EQ(IMetadata::Storage().unflatten(b.data(), b.size()),
                   c.ok ? long(c.consumed) : -1L);
         EXPECT_EQ(of(b).getStorageSP() != nullptr, c.ok);
         EXPECT_LT(zorcam_test::largestAllocation(),
                   b.size() + 64 * 1024);  // nothing allocated for a claim
+        EXPECT_LE(zorcam_test::peakBytes(), 32 * b.size() + (1u << 20));  // nor for nesting
         return said;
     }
     std::map<std::string, size_t> seen;  // answers by reason, "" when ok

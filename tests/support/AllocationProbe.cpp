@@ -13,6 +13,7 @@ constexpr size_t kHeader = alignof(std::max_align_t);
 std::atomic<size_t> gLargest{0};
 std::atomic<size_t> gHeld{0};
 std::atomic<size_t> gPeak{0};
+std::atomic<size_t> gBase{0};  // held at the last resetPeakBytes()
 std::atomic<size_t> gFailIn{0};
 
 void raise(std::atomic<size_t>& to, size_t value) {
@@ -54,10 +55,12 @@ void resetLargestAllocation() {
     gLargest.store(0, std::memory_order_relaxed);
 }
 size_t peakBytes() {
-    return gPeak.load(std::memory_order_relaxed);
+    return gPeak.load(std::memory_order_relaxed) - gBase.load(std::memory_order_relaxed);
 }
 void resetPeakBytes() {
-    gPeak.store(gHeld.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    const size_t held = gHeld.load(std::memory_order_relaxed);
+    gBase.store(held, std::memory_order_relaxed);
+    gPeak.store(held, std::memory_order_relaxed);
 }
 void failAllocation(size_t n) {
     gFailIn.store(n, std::memory_order_relaxed);

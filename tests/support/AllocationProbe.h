@@ -10,7 +10,8 @@ namespace zorcam_test {
 
 size_t largestAllocation();
 void resetLargestAllocation();
-// Bytes held through operator new at their highest since the last reset.
+// Bytes held through operator new at their highest since the last reset, above what was
+// held at the reset.
 size_t peakBytes();
 void resetPeakBytes();
 // The `n`th allocation from now (1 = the next one) throws std::bad_alloc; 0 fails none.

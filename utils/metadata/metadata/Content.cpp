@@ -39,12 +39,17 @@ struct DepthGuard {
 
 // Nested containers being released by the loop of this thread (see nested::release).
 struct ReleaseLoop {
-    bool running = false;
+    int depth = 0;  // releases under way on this thread, one inside the other
     std::vector<std::shared_ptr<void>> pending;
     ~ReleaseLoop() { gone = true; }
     static thread_local bool gone;
 };
 thread_local bool ReleaseLoop::gone = false;
+
+// Levels released by plain recursion before the rest is queued: a container with many
+// nested containers side by side goes without a queue as long as its own, and a chain of
+// thousands still costs a bounded stack.
+constexpr int kInlineLevels = 16;
 
 }  // namespace
 
@@ -56,7 +61,7 @@ void nested::release(std::shared_ptr<void>&& nested) {
         return;
     }
     thread_local ReleaseLoop loop;
-    if (loop.running) {
+    if (loop.depth >= kInlineLevels) {
         try {
             loop.pending.push_back(std::move(nested));
             return;
@@ -66,14 +71,16 @@ void nested::release(std::shared_ptr<void>&& nested) {
         nested.reset();
         return;
     }
-    loop.running = true;
-    nested.reset();  // what it releases in turn is queued, not released inside this call
-    while (!loop.pending.empty()) {
-        std::shared_ptr<void> next = std::move(loop.pending.back());
-        loop.pending.pop_back();
-        next.reset();
+    ++loop.depth;
+    nested.reset();  // below kInlineLevels what it releases in turn is queued
+    if (loop.depth == 1) {
+        while (!loop.pending.empty()) {
+            std::shared_ptr<void> next = std::move(loop.pending.back());
+            loop.pending.pop_back();
+            next.reset();
+        }
     }
-    loop.running = false;
+    --loop.depth;
 }
 
 //------------------------------------------------------------------------------------------

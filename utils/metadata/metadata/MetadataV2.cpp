@@ -37,18 +37,15 @@ using flat::kStorageMagic;
 constexpr uint32_t kNoTag = 0xFFFFFFFFu;
 constexpr uint32_t kValidBit = 0x80000000u;
 
-// Drops a container's reference to its storage. When it was the last one, the storage (and
-// what only it held) waits for readers without the lock that may still be in it; those
-// are let go of now rather than after the next many releases, as a storage can be large.
+// Drops a container's reference to its storage. When it was the last one, the storage waits
+// for readers without the lock that may still be in it; it weighs as a sixteenth of the
+// thread's batch of such waits, as a whole table can be large.
 void letGo(std::shared_ptr<Storage>&& storage) {
-    if (!storage) return;
-    const bool last = storage.use_count() == 1;
     storage.reset();
-    if (last) readers::collect();
 }
 
 std::shared_ptr<Storage> newStorage() {
-    return std::allocate_shared<Storage>(readers::DeferredAllocator<Storage>());
+    return std::allocate_shared<Storage>(readers::DeferredAllocator<Storage, 16>());
 }
 
 }  // namespace

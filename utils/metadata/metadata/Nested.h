@@ -23,9 +23,10 @@ size_t flattenSize(const IMetadata::Storage& s, const uint32_t* tags, long count
 // it (a failure reported under its name); empty when the block does not decode.
 std::shared_ptr<IMetadata::Storage> unflatten(const void* buf, size_t size);
 
-// Lets go of a content's nested containers (a vector of storages, or one storage). A chain of
-// containers nested in each other is released level after level in a loop of this thread,
-// never by one destructor calling the next: a chain of any length costs no call depth.
+// Lets go of a content's nested containers (a vector of storages, or one storage). Past a few
+// levels, a chain of containers nested in each other is released level after level in a loop
+// of this thread, not by one destructor calling the next: a chain of any length costs a
+// bounded call depth.
 void release(std::shared_ptr<void>&& nested);
 
 // A limit of the receiver that a form would break.

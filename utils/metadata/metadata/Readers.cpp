@@ -63,6 +63,7 @@ struct Sealed {
 struct Orphans {
     std::mutex lock;
     std::vector<Sealed> sealed;
+    std::atomic<size_t> count{0};  // mirrors sealed.size(), so that an empty list costs no lock
 };
 Orphans& orphans() {
     static Orphans* const o = new Orphans;  // never destroyed: threads may exit after statics
@@ -111,16 +112,15 @@ uint64_t tryAdvance() {
     return gEpoch.load(std::memory_order_acquire);
 }
 
-// Drops the sealed batches whose epoch is two behind `now`; the rest stay. The number of
-// batches dropped. Releasing them may seal new batches onto `sealed`: the releasable ones are
-// taken out first, and released once the list is whole again.
-size_t releaseOld(std::vector<Sealed>& sealed, uint64_t now) {
-    std::vector<Sealed> old;
+// Takes the sealed batches whose epoch is two behind `now` out of `sealed` (into `out`),
+// keeping the rest in order. Releasing them is the caller's, once `sealed` is whole again:
+// releasing may seal new batches onto it.
+void takeOld(std::vector<Sealed>& sealed, uint64_t now, std::vector<Sealed>& out) {
     size_t kept = 0;
     for (size_t i = 0; i < sealed.size(); ++i) {
         if (sealed[i].epoch + 2 <= now) {
             try {
-                old.push_back(std::move(sealed[i]));
+                out.push_back(std::move(sealed[i]));
                 continue;
             } catch (const std::bad_alloc&) {
                 // Kept for a later round.
@@ -130,8 +130,6 @@ size_t releaseOld(std::vector<Sealed>& sealed, uint64_t now) {
         ++kept;
     }
     sealed.resize(kept);
-    for (Sealed& batch : old) batch.items.clear();
-    return old.size();
 }
 
 // Waits until every reader that is in a section now has left it: what was unreachable before
@@ -156,7 +154,11 @@ struct Local {
     Record* record = nullptr;
     int depth = 0;
     std::vector<Item> bag;  // retired, not yet sealed
+    size_t weight = 0;      // of what the bag holds
     std::vector<Sealed> sealed;
+    std::vector<Sealed> releasing;          // scratch of collect()
+    std::vector<std::vector<Item>> spare;   // emptied batches, kept for the next bags
+    bool collecting = false;
 
     ~Local() {
         tThread.gone = true;
@@ -173,6 +175,7 @@ struct Local {
             std::lock_guard<std::mutex> guard(o.lock);
             o.sealed.reserve(o.sealed.size() + sealed.size());
             for (Sealed& s : sealed) o.sealed.push_back(std::move(s));
+            o.count.store(o.sealed.size(), std::memory_order_relaxed);
         } catch (const std::bad_alloc&) {
             synchronize();
         }
@@ -188,11 +191,30 @@ struct Local {
         } catch (const std::bad_alloc&) {
             synchronize();
             bag.clear();
+            weight = 0;
             return;
         }
         fullFence();
         sealed.push_back(Sealed{gEpoch.load(std::memory_order_acquire), std::move(bag)});
         bag = std::vector<Item>();
+        weight = 0;
+        if (!spare.empty()) {
+            bag = std::move(spare.back());
+            spare.pop_back();
+        }
+    }
+
+    void release(std::vector<Sealed>& batches) {
+        for (Sealed& batch : batches) {
+            batch.items.clear();
+            if (spare.size() < 4) {
+                try {
+                    spare.push_back(std::move(batch.items));
+                } catch (const std::bad_alloc&) {
+                }
+            }
+        }
+        batches.clear();
     }
 
     // Releasing may retire more (a storage's contents, a nested container's storage): the
@@ -205,15 +227,21 @@ struct Local {
             seal();
             tryAdvance();
             const uint64_t now = tryAdvance();
-            size_t dropped = releaseOld(sealed, now);
+            takeOld(sealed, now, releasing);
             Orphans& o = orphans();
-            std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
-            if (guard.owns_lock() && !o.sealed.empty()) dropped += releaseOld(o.sealed, now);
-            if (dropped == 0 || bag.empty()) break;
+            if (o.count.load(std::memory_order_relaxed) != 0) {
+                std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
+                if (guard.owns_lock()) {
+                    takeOld(o.sealed, now, releasing);
+                    o.count.store(o.sealed.size(), std::memory_order_relaxed);
+                }
+            }
+            const bool dropped = !releasing.empty();
+            release(releasing);
+            if (!dropped || bag.empty()) break;
         }
         collecting = false;
     }
-    bool collecting = false;
 };
 
 Local& local(Thread& t) {
@@ -252,7 +280,7 @@ Section::~Section() {
 
 namespace {
 
-void retireItem(Item&& item) noexcept {
+void retireItem(Item&& item, size_t weight) noexcept {
     try {
         Thread& t = tThread;
         if (t.gone) {
@@ -266,18 +294,20 @@ void retireItem(Item&& item) noexcept {
             one.epoch = gEpoch.load(std::memory_order_acquire);
             one.items.push_back(std::move(item));  // nothing below can throw
             o.sealed.push_back(std::move(one));
+            o.count.store(o.sealed.size(), std::memory_order_relaxed);
             return;
         }
         Local& l = local(t);
         if (l.bag.capacity() == 0) l.bag.reserve(kBatch);  // batches stay small blocks
         l.bag.push_back(std::move(item));
-        if (l.bag.size() >= kBatch) {
+        l.weight += weight;
+        if (l.collecting) {
             // Releasing may retire many more (a container's nested containers): while it is
-            // under way they are sealed batch by batch, for the next round.
-            if (l.collecting)
-                l.seal();
-            else
-                l.collect();
+            // under way they are sealed in full batches, for the next round, so that a long
+            // chain does not make a long list of short ones.
+            if (l.bag.size() >= kBatch) l.seal();
+        } else if (l.bag.size() >= kBatch || l.weight >= kBatch) {
+            l.collect();
         }
     } catch (const std::bad_alloc&) {
         // No memory to defer the release: wait out the readers instead.
@@ -289,11 +319,11 @@ void retireItem(Item&& item) noexcept {
 }  // namespace
 
 void retire(std::shared_ptr<void>&& item) noexcept {
-    if (item) retireItem(Item(std::move(item)));
+    if (item) retireItem(Item(std::move(item)), 1);
 }
 
-void retire(void* item, void (*release)(void*)) noexcept {
-    if (item != nullptr) retireItem(Item(item, release));
+void retire(void* item, void (*release)(void*), size_t weight) noexcept {
+    if (item != nullptr) retireItem(Item(item, release), weight);
 }
 
 void collect() {

@@ -41,8 +41,10 @@ private:
 
 // Lets go of `item` once no reader in a section can still reach it.
 void retire(std::shared_ptr<void>&& item) noexcept;
-// The same for something that is let go of by calling `release(item)`.
-void retire(void* item, void (*release)(void*)) noexcept;
+// The same for something that is let go of by calling `release(item)`. `weight` says how much
+// it may hold (a whole table weighs more than one value): a thread's retired items are
+// released once they weigh kBatch.
+void retire(void* item, void (*release)(void*), size_t weight = 1) noexcept;
 
 // Releases what can be released now, on this thread (for tests and for idle moments).
 void collect();
@@ -51,13 +53,17 @@ void collect();
 // chunks): when its last reference goes, the object is destroyed, and its pooled block given
 // back, only once no such reader can still be looking at it. Whoever drops that reference (a
 // container, an entry, a caller's own copy) need not know about readers.
-template <typename T>
+template <typename T, size_t Weight = 1>
 struct DeferredAllocator {
     using value_type = T;
+    template <typename U>
+    struct rebind {
+        using other = DeferredAllocator<U, Weight>;
+    };
 
     DeferredAllocator() = default;
     template <typename U>
-    DeferredAllocator(const DeferredAllocator<U>&) {}
+    DeferredAllocator(const DeferredAllocator<U, Weight>&) {}
 
     T* allocate(size_t n) { return static_cast<T*>(pool::take(n * sizeof(T))); }
     void deallocate(T* p, size_t n) noexcept {
@@ -68,15 +74,15 @@ struct DeferredAllocator {
     }
     template <typename U>
     void destroy(U* p) noexcept {
-        retire(p, [](void* object) { static_cast<U*>(object)->~U(); });
+        retire(p, [](void* object) { static_cast<U*>(object)->~U(); }, Weight);
     }
 
     template <typename U>
-    bool operator==(const DeferredAllocator<U>&) const {
+    bool operator==(const DeferredAllocator<U, Weight>&) const {
         return true;
     }
     template <typename U>
-    bool operator!=(const DeferredAllocator<U>&) const {
+    bool operator!=(const DeferredAllocator<U, Weight>&) const {
         return false;
     }
 };
