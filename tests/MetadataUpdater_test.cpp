@@ -41,6 +41,7 @@ TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
         {entry<int64_t>({-1099511627776}), "-1099511627776 "},
         {entry<IMetadata>({empty}), ""},
         {entry<double>({2.25, -0.5}), "2.250000 -0.500000 "},
+        {entry<double>({-1e300}), std::to_string(-1e300) + " "},  // longer than any buffer
         {IMetadata::IEntry(), ""},
         {entry<MPoint>({{1, 2}, {3, 4}}), "(1, 2) (3, 4) "},
         {entry<MSize>({{640, 480}}), "(640, 480) "},

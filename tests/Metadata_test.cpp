@@ -306,6 +306,9 @@ TEST_F(MetadataTest, RecordsBeyondFourGibibytesAreRefusedNotCut) {
     e.push_back(blobs.data(), blobs.size(), NSCam::Type2Type<IMetadata::Memory>());
     m.update(e);
     Bytes b(64);
+    EXPECT_EQ(m.flattenSize(), -1);
+    EXPECT_THAT(log.take(), ElementsAre("flattenSize:record of tag 10000 needs 4295229452 bytes, "
+                                        "more than a 32-bit length holds"));
     EXPECT_EQ(m.flatten(b.data(), b.size()), -1);
     EXPECT_THAT(log.take(), ElementsAre("flatten:record of tag 10000 needs 4295229452 bytes, more "
                                         "than a 32-bit length holds",

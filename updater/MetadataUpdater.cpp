@@ -11,8 +11,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Diagnostics.h"
+#include "ElementText.h"
 
 // The updater's lines carry "[name::function] " instead of the container's "func(line):",
 // so that the lines of several cameras can be told apart. Both test the logger's level and
@@ -45,43 +47,6 @@ constexpr uint8_t kCaptureIntentStillCapture = 1;
 constexpr uint32_t kTagMfnrRequestHint = 0x80040000;
 constexpr uint32_t kTagCustomTuningHint = 0x800B0011;
 constexpr int32_t kNoCustomTuningHint = -1;
-
-template <typename T>
-std::string itemsToString(const IMetadata::IEntry& entry, uint32_t count,
-                          std::string (*format)(const T&)) {
-    std::string out;
-    for (uint32_t i = 0; i < count; ++i) out += format(entry.itemAt(i, Type2Type<T>()));
-    return out;
-}
-
-std::string byteText(const uint8_t& v) {
-    return std::to_string(static_cast<int>(v)) + " ";
-}
-std::string intText(const int32_t& v) {
-    return std::to_string(static_cast<int>(v)) + " ";
-}
-std::string floatText(const float& v) {
-    return std::to_string(v) + " ";
-}
-std::string int64Text(const int64_t& v) {
-    return std::to_string(static_cast<long>(v)) + " ";
-}
-std::string doubleText(const double& v) {
-    return std::to_string(v) + " ";
-}
-std::string rationalText(const MRational& v) {
-    return "[" + std::to_string(v.numerator) + " / " + std::to_string(v.denominator) + "] ";
-}
-std::string pointText(const MPoint& v) {
-    return "(" + std::to_string(v.x) + ", " + std::to_string(v.y) + ") ";
-}
-std::string sizeText(const MSize& v) {
-    return "(" + std::to_string(v.w) + ", " + std::to_string(v.h) + ") ";
-}
-std::string rectText(const MRect& v) {
-    return "(" + std::to_string(v.p.x) + ", " + std::to_string(v.p.y) + ", " +
-           std::to_string(v.s.w) + ", " + std::to_string(v.s.h) + ") ";
-}
 
 }  // namespace
 
@@ -188,30 +153,25 @@ int MetadataUpdater::appendMetaAtPipeline(const IMetadata* /*appControlMeta*/,
 }
 
 std::string MetadataUpdater::getValueString(IMetadata::IEntry entry) {
+    const TypeFacts* facts = typeFacts(entry.type());
     const uint32_t count = entry.count();
-    switch (entry.type()) {
-        case TYPE_UINT8:
-            return itemsToString<uint8_t>(entry, count, byteText);
-        case TYPE_INT32:
-            return itemsToString<int32_t>(entry, count, intText);
-        case TYPE_FLOAT:
-            return itemsToString<float>(entry, count, floatText);
-        case TYPE_INT64:
-            return itemsToString<int64_t>(entry, count, int64Text);
-        case TYPE_DOUBLE:
-            return itemsToString<double>(entry, count, doubleText);
-        case TYPE_MRational:
-            return itemsToString<MRational>(entry, count, rationalText);
-        case TYPE_MPoint:
-            return itemsToString<MPoint>(entry, count, pointText);
-        case TYPE_MSize:
-            return itemsToString<MSize>(entry, count, sizeText);
-        case TYPE_MRect:
-            return itemsToString<MRect>(entry, count, rectText);
-        default:
-            // Blobs, nested containers and entries without a type have no text.
-            return std::string();
+    // Blobs, nested containers and entries without a type have no text.
+    if (facts == nullptr || !facts->basic || count == 0) return std::string();
+    // The entry is this call's own copy: its values cannot change while they are read.
+    const auto* values = static_cast<const uint8_t*>(entry.data());
+    if (values == nullptr) return std::string();
+    std::string out;
+    std::vector<char> text(64);
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint8_t* value = values + static_cast<size_t>(i) * static_cast<size_t>(facts->size);
+        int n = formatElement(text.data(), text.size(), facts->textForm, facts->code, value);
+        if (n >= static_cast<int>(text.size())) {  // a huge double: "%f" writes every digit
+            text.resize(static_cast<size_t>(n) + 1);
+            n = formatElement(text.data(), text.size(), facts->textForm, facts->code, value);
+        }
+        if (n > 0) out.append(text.data(), static_cast<size_t>(n));
     }
+    return out;
 }
 
 void MetadataUpdater::dumpMeta(const IMetadata* metadata) {

@@ -120,8 +120,8 @@ public:
         void replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>);
         template <typename T>
         T itemAt(uint32_t index, Type2Type<T>) const;
-        // Copies `count` raw elements; for Memory and IMetadata the copies alias the stored
-        // handles and must be treated as borrowed. 1 on success, 0 on failure.
+        // Copies `count` elements; for Memory and IMetadata the copies share the stored data
+        // (each one a proper handle the caller owns). 1 on success, 0 on failure.
         template <typename T>
         int32_t itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) const;
         // First index holding `item`, or -1. Not offered for MRational and IMetadata.
@@ -141,6 +141,12 @@ public:
         std::shared_ptr<Content> _ContentMakeWritable();
         bool _ContentUpdate(int32_t index, const void* data, size_t count, int32_t type);
         void noteFailure() const;  // lowers mErrorTypeTag to this entry's tag
+        // The bodies the typed families forward to, with the type code of their values.
+        void writeElements(const char* operation, int32_t index, const void* data,
+                           size_t count, int32_t type);
+        bool readElements(uint32_t index, void* out, size_t count, int32_t type) const;
+        template <typename T>
+        bool readHandles(uint32_t index, T* out, size_t count) const;
 
         // Read without the lock by tag() while an assignment may write it: atomic, so that
         // the race is defined.
@@ -159,9 +165,9 @@ public:
             std::shared_ptr<Content> content;  // may be empty
         };
 
-        // Rows in insertion order, found in constant time: through a fixed slot map of the
-        // known tags (a small side index for the others), or, in a table of a few rows, by
-        // looking at them. Copies share rows until one side changes them; slot arrays are
+        // Rows in insertion order (a removal moves the last row into the hole), found in
+        // constant time: through a fixed slot map of the known tags (a small side index for
+        // the others), or, in a table of a few rows, by looking at them. Copies share rows until one side changes them; slot arrays are
         // pooled process-wide in sBufferQueue. Not thread-safe: used under the lock of the
         // container that holds it (readers without the lock use find(), see below).
         class ItemTable {
@@ -299,6 +305,10 @@ public:
         ItemTable mItemTable;
         // Set once the storage may be visible outside its container; never cleared.
         std::atomic<uint32_t> mShared;
+        // Made by the library, whose storages are destroyed only once no reader without the
+        // lock can be in them: only such a storage is read without the container's lock. One
+        // a caller made (and may destroy at once) is read under the lock.
+        bool mReleasedLate;
         uint32_t mTailMarker;
     };
 
@@ -323,7 +333,7 @@ public:
     uint32_t count() const;
     void clear();
     int remove(uint32_t tag);
-    int sort();  // rows stay in insertion order; always 0
+    int sort();  // rows stay in the order they are in (no sorting); always 0
     int update(uint32_t tag, const IEntry& entry);
     int update(const IEntry& entry);
     IEntry entryFor(uint32_t tag, int take = 0) const;

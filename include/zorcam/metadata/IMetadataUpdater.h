@@ -67,7 +67,8 @@ protected:
 
 // Writes "/sdcard/camera_dump/" and the request's unique key, frame and request numbers
 // into `buffer` (at most `size` bytes with the terminating zero) and returns `buffer`;
-// returns "" and writes nothing when `buffer` or `frameMeta` is null. `otherMeta` is unused.
+// returns "" and writes nothing when `buffer` or `frameMeta` is null or `size` is 0 or less.
+// `otherMeta` is unused.
 ZORCAM_EXPORT const char* getDumpFilenamePrefix(char* buffer, int size, const IMetadata* otherMeta,
                                                 const IMetadata* frameMeta);
 

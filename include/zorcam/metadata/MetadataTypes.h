@@ -79,6 +79,11 @@ struct Type2Type {
 // What each type code means, in one place. Everything that sizes, names, prints or searches
 // values by their type code reads this table: the content and its flat record, the check of
 // foreign bytes, the dump and the value strings, the typed families, the tools and the tests.
+// How one element of a basic type is handed to its printf forms below: as one int (a byte or
+// an int32), one double (a float or a double), one long (an int64), or as its int32 fields in
+// order (2 for a rational, a point or a size, 4 for a rect).
+enum class PrintAs : uint8_t { kNone, kInt, kDouble, kLong, kInts };
+
 struct TypeFacts {
     int32_t code;
     const char* name;       // the code's name, as the headers spell it
@@ -95,27 +100,42 @@ struct TypeFacts {
     // what they need.
     const char* dumpForm;
     const char* textForm;
+    PrintAs printAs;
+    // The value a read that fails hands back (what the default constructor makes), as the
+    // int32 words of its bytes: zero, but 0/1 for a rational.
+    int32_t defaultWords[4];
 };
 
 inline constexpr TypeFacts kTypeFacts[NUM_MTYPE] = {
-    {TYPE_UINT8, "TYPE_UINT8", "uint8", 1, true, true, "%d ", "%d "},
-    {TYPE_INT32, "TYPE_INT32", "int32", 4, true, true, "%d ", "%d "},
-    {TYPE_FLOAT, "TYPE_FLOAT", "float", 4, true, true, "%f ", "%f "},
-    {TYPE_INT64, "TYPE_INT64", "int64", 8, true, true, "%ld ", "%ld "},
-    {TYPE_DOUBLE, "TYPE_DOUBLE", "double", 8, true, true, "%lf ", "%f "},
+    {TYPE_UINT8, "TYPE_UINT8", "uint8", 1, true, true, "%d ", "%d ", PrintAs::kInt, {}},
+    {TYPE_INT32, "TYPE_INT32", "int32", 4, true, true, "%d ", "%d ", PrintAs::kInt, {}},
+    {TYPE_FLOAT, "TYPE_FLOAT", "float", 4, true, true, "%f ", "%f ", PrintAs::kDouble, {}},
+    {TYPE_INT64, "TYPE_INT64", "int64", 8, true, true, "%ld ", "%ld ", PrintAs::kLong, {}},
+    {TYPE_DOUBLE, "TYPE_DOUBLE", "double", 8, true, true, "%lf ", "%f ", PrintAs::kDouble, {}},
     {TYPE_MRational, "TYPE_MRational", "rational", 8, true, false, "rational(%d,%d) ",
-     "[%d / %d] "},
-    {TYPE_MPoint, "TYPE_MPoint", "point", 8, true, true, "point(%d,%d) ", "(%d, %d) "},
-    {TYPE_MSize, "TYPE_MSize", "size", 8, true, true, "size(%d,%d) ", "(%d, %d) "},
-    {TYPE_MRect, "TYPE_MRect", "rect", 16, true, true, "rect(%d,%d,%d,%d) ", "(%d, %d, %d, %d) "},
-    {TYPE_IMetadata, "TYPE_IMetadata", "metadata", -1, false, false, "metadata.. ", ""},
-    {TYPE_Memory, "TYPE_Memory", "memory", 1, false, true, "memory[%d] size %d:", ""},
+     "[%d / %d] ", PrintAs::kInts, {0, 1}},
+    {TYPE_MPoint, "TYPE_MPoint", "point", 8, true, true, "point(%d,%d) ", "(%d, %d) ",
+     PrintAs::kInts, {}},
+    {TYPE_MSize, "TYPE_MSize", "size", 8, true, true, "size(%d,%d) ", "(%d, %d) ", PrintAs::kInts,
+     {}},
+    {TYPE_MRect, "TYPE_MRect", "rect", 16, true, true, "rect(%d,%d,%d,%d) ", "(%d, %d, %d, %d) ",
+     PrintAs::kInts, {}},
+    {TYPE_IMetadata, "TYPE_IMetadata", "metadata", -1, false, false, "metadata.. ", "",
+     PrintAs::kNone, {}},
+    {TYPE_Memory, "TYPE_Memory", "memory", 1, false, true, "memory[%d] size %d:", "",
+     PrintAs::kNone, {}},
 };
 
 // The facts of a type code, or null for a code outside 0..10 (-1, "no type yet", included).
 constexpr const TypeFacts* typeFacts(int32_t code) {
     return static_cast<uint32_t>(code) < static_cast<uint32_t>(NUM_MTYPE) ? &kTypeFacts[code]
                                                                           : nullptr;
+}
+
+// Whether a code is one of the basic types (its `basic` fact, in one comparison: the basic
+// codes come first, which the assertion below the table keeps true).
+constexpr bool isBasicType(int32_t code) {
+    return static_cast<uint32_t>(code) <= static_cast<uint32_t>(TYPE_MRect);
 }
 
 // The type code of each stored element type (the nested container and the blob are added
@@ -173,15 +193,16 @@ static_assert(sizeof(MSize) == 8 && offsetof(MSize, w) == 0 && offsetof(MSize, h
 static_assert(sizeof(MRect) == 16 && alignof(MRect) == 4 && offsetof(MRect, p) == 0 &&
                   offsetof(MRect, s) == 8,
               "MRect layout");
-static_assert(MRational().numerator == 0 && MRational().denominator == 1,
-              "a default rational is 0/1");
+static_assert(MRational().numerator == kTypeFacts[TYPE_MRational].defaultWords[0] &&
+                  MRational().denominator == kTypeFacts[TYPE_MRational].defaultWords[1],
+              "a default rational is 0/1, as its facts say");
 
 namespace detail {
 template <typename T>
 constexpr bool factsMatch() {
-    return kTypeFacts[TypeCode<T>::value].code == TypeCode<T>::value &&
-           kTypeFacts[TypeCode<T>::value].size == static_cast<int32_t>(sizeof(T)) &&
-           kTypeFacts[TypeCode<T>::value].basic;
+    constexpr TypeFacts f = kTypeFacts[TypeCode<T>::value];
+    return f.code == TypeCode<T>::value && f.size == static_cast<int32_t>(sizeof(T)) && f.basic &&
+           f.printAs != PrintAs::kNone && (f.printAs != PrintAs::kInts || sizeof(T) % 4 == 0);
 }
 }  // namespace detail
 static_assert(detail::factsMatch<unsigned char>() && detail::factsMatch<int>() &&
@@ -190,5 +211,10 @@ static_assert(detail::factsMatch<unsigned char>() && detail::factsMatch<int>() &
                   detail::factsMatch<MPoint>() && detail::factsMatch<MSize>() &&
                   detail::factsMatch<MRect>(),
               "each basic type sits in its row with its size");
+static_assert([] {
+    for (int32_t code = 0; code < NUM_MTYPE; ++code)
+        if (isBasicType(code) != kTypeFacts[code].basic) return false;
+    return !isBasicType(-1);
+}(), "the basic codes come first");
 
 }  // namespace NSCam

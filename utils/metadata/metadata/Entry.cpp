@@ -102,7 +102,7 @@ const void* IEntry::data() const {
     // A raw pointer leaves the handle: later edits through any entry must copy.
     mContentPtr->markReadOnly();
     const int32_t type = mContentPtr->mType;
-    if (type > TYPE_MRect) return nullptr;
+    if (!isBasicType(type)) return nullptr;
     return mContentPtr->getBasicData(0, type);
 }
 
@@ -167,116 +167,117 @@ std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& 
 
 }  // namespace
 
-template <typename T, typename U>
-void IEntry::push_back(const T& item, Type2Type<U>) {
+// The one body of every typed edit: `count` elements of `type` at `data`, appended
+// (index -1) or written over the elements from `index`. A failure is reported under the name
+// of the typed member, `operation`.
+void IEntry::writeElements(const char* operation, int32_t index, const void* data, size_t count,
+                           int32_t type) {
     std::lock_guard<std::mutex> guard(mLock);
-    const U& value = storedValue<U>(item);
     const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(-1, &value, 1, TypeCode<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
-                  static_cast<void*>(mContentPtr.get()));
+    if (!_ContentUpdate(index, data, count, type)) {
+        META_LOGE_AS(operation, "Update error, tag %x, mContentPtr %p", tag(),
+                     static_cast<void*>(mContentPtr.get()));
         noteFailure();
     }
+}
+
+// The one body of the typed reads of basic values: `count` elements of `type` from `index`
+// into `out`. True when all of them were there.
+bool IEntry::readElements(uint32_t index, void* out, size_t count, int32_t type) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    bool ok = false;
+    if (mContentPtr) {
+        const Content& c = *mContentPtr;
+        const void* p = c.getBasicData(static_cast<int>(index), type);
+        // index + count <= mCount, written so that a huge count cannot wrap the sum around.
+        const uint64_t total = static_cast<uint64_t>(c.mCount);
+        ok = p != nullptr && index <= total && count <= total - index;
+        if (ok) std::memcpy(out, p, count * static_cast<size_t>(kTypeFacts[type].size));
+    }
+    if (ok) return true;
+    META_LOGE_AS("itemAt", "Get data error , tag %x, mContentPtr %p", tag(),
+                 static_cast<void*>(mContentPtr.get()));
+    noteFailure();
+    return false;
+}
+
+// The handles (blobs and nested containers) are handed out as proper copies that share the
+// stored data, so the caller's array owns what it holds and may be destroyed normally.
+template <typename T>
+bool IEntry::readHandles(uint32_t index, T* out, size_t count) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    bool ok = false;
+    if (mContentPtr) {
+        const Content& c = *mContentPtr;
+        const uint64_t total = static_cast<uint64_t>(c.mCount);
+        ok = c.mType == TypeCode<T>::value && static_cast<int>(index) >= 0 && index < total &&
+             count <= total - index;
+        for (size_t i = 0; ok && i < count; ++i) {
+            if constexpr (std::is_same<T, Memory>::value) {
+                ok = c.blobs() != nullptr;
+                if (ok) out[i] = (*c.blobs())[index + i];
+            } else {
+                ok = c.storages() != nullptr;
+                if (ok) out[i] = IMetadata((*c.storages())[index + i]);
+            }
+        }
+    }
+    if (ok) return true;
+    META_LOGE_AS("itemAt", "Get data error , tag %x, mContentPtr %p", tag(),
+                 static_cast<void*>(mContentPtr.get()));
+    noteFailure();
+    return false;
+}
+
+template <typename T, typename U>
+void IEntry::push_back(const T& item, Type2Type<U>) {
+    const U& value = storedValue<U>(item);
+    writeElements("push_back", -1, &value, 1, TypeCode<U>::value);
 }
 
 template <typename T, typename U>
 void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
-    std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(-1, array, count, TypeCode<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
-                  static_cast<void*>(mContentPtr.get()));
-        noteFailure();
-    }
+    writeElements("push_back", -1, array, count, TypeCode<U>::value);
 }
 
+// The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
 template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
-    if (!_ContentUpdate(static_cast<int32_t>(index), &item, 1, TypeCode<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
-                  static_cast<void*>(mContentPtr.get()));
-        noteFailure();
-    }
+    writeElements("replaceItemAt", static_cast<int32_t>(index), &item, 1, TypeCode<U>::value);
 }
 
 template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
-    std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(static_cast<int32_t>(index), array, count, TypeCode<U>::value)) {
-        META_LOGE("Update error, tag %x, mContentPtr %p", tag(),
-                  static_cast<void*>(mContentPtr.get()));
-        noteFailure();
-    }
+    writeElements("replaceItemAt", static_cast<int32_t>(index), array, count, TypeCode<U>::value);
 }
 
 template <typename T>
 T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
-    std::lock_guard<std::mutex> guard(mLock);
     const int at = static_cast<int>(index);
     // The two handle types answer an empty handle on failure, silently.
     if constexpr (std::is_same<T, Memory>::value) {
+        std::lock_guard<std::mutex> guard(mLock);
         auto bytes = mContentPtr ? mContentPtr->getMemory(at, TYPE_Memory) : nullptr;
         return bytes ? Memory(bytes) : Memory();
     } else if constexpr (std::is_same<T, IMetadata>::value) {
+        std::lock_guard<std::mutex> guard(mLock);
         auto storage = mContentPtr ? mContentPtr->getMetadata(at, TYPE_IMetadata) : nullptr;
         return storage ? IMetadata(storage) : IMetadata();
     } else {
-        const void* p = mContentPtr ? mContentPtr->getBasicData(at, TypeCode<T>::value) : nullptr;
-        if (p) {
-            T value;
-            std::memcpy(static_cast<void*>(&value), p, sizeof(T));
-            return value;
-        }
-        META_LOGE("Get data error , tag %x, mContentPtr %p", tag(),
-                  static_cast<void*>(mContentPtr.get()));
-        noteFailure();
-        return T();
+        T value = T();
+        return readElements(index, &value, 1, TypeCode<T>::value) ? value : T();
     }
 }
 
 template <typename T>
 int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) const {
-    std::lock_guard<std::mutex> guard(mLock);
-    const int at = static_cast<int>(index);
-    bool ok = false;
-    if (mContentPtr) {
-        const Content& c = *mContentPtr;
-        // index + count <= mCount, written so that a huge count cannot wrap the sum around.
-        const uint64_t total = static_cast<uint64_t>(c.mCount);
-        const bool inRange = index <= total && count <= total - index;
-        if constexpr (std::is_same<T, Memory>::value || std::is_same<T, IMetadata>::value) {
-            // Handles are handed out as proper copies that share the stored data, so the
-            // caller's array owns what it holds and may be destroyed normally.
-            ok = c.mType == TypeCode<T>::value && at >= 0 && at < c.mCount && inRange;
-            if (ok) {
-                for (size_t i = 0; i < count; ++i) {
-                    if constexpr (std::is_same<T, Memory>::value) {
-                        ok = ok && c.blobs();
-                        if (ok) array[i] = (*c.blobs())[index + i];
-                    } else {
-                        ok = ok && c.storages();
-                        if (ok) array[i] = IMetadata((*c.storages())[index + i]);
-                    }
-                }
-            }
-        } else {
-            const void* p = c.getBasicData(at, TypeCode<T>::value);
-            ok = p != nullptr && inRange;
-            if (ok) std::memcpy(static_cast<void*>(array), p, count * sizeof(T));
-        }
-    }
-    if (ok) return 1;
-    META_LOGE("Get data error , tag %x, mContentPtr %p", tag(),
-              static_cast<void*>(mContentPtr.get()));
-    noteFailure();
-    return 0;
+    if constexpr (kTypeFacts[TypeCode<T>::value].basic)
+        return readElements(index, array, count, TypeCode<T>::value) ? 1 : 0;
+    else
+        return readHandles(index, array, count) ? 1 : 0;
 }
 
 template <typename T>

@@ -14,6 +14,7 @@
 #include "BoundedText.h"
 #include "Content.h"
 #include "Diagnostics.h"
+#include "ElementText.h"
 #include "FlatBytes.h"
 #include "ItemTable.h"
 #include "Nested.h"
@@ -45,7 +46,16 @@ void letGo(std::shared_ptr<Storage>&& storage) {
 }
 
 std::shared_ptr<Storage> newStorage() {
-    return std::allocate_shared<Storage>(readers::DeferredAllocator<Storage, 16>());
+    std::shared_ptr<Storage> storage =
+        std::allocate_shared<Storage>(readers::DeferredAllocator<Storage, 16>());
+    storage->mReleasedLate = true;
+    return storage;
+}
+
+// What readers without the lock may look at of `storage`: nothing (they take the lock) when
+// its destruction would not wait for them.
+Storage* lockFreeView(const std::shared_ptr<Storage>& storage) {
+    return storage && storage->mReleasedLate ? storage.get() : nullptr;
 }
 
 }  // namespace
@@ -69,7 +79,8 @@ void IMetadata::lowerErrorTypeTag(uint32_t tag) {
 //----------------------------------------------------------------------------------------
 // Storage
 
-Storage::Storage() : mHeadMarker(kHeadMarker), mShared(0), mTailMarker(kTailMarker) {}
+Storage::Storage()
+    : mHeadMarker(kHeadMarker), mShared(0), mReleasedLate(false), mTailMarker(kTailMarker) {}
 
 Storage::~Storage() {
     --mHeadMarker;
@@ -117,12 +128,29 @@ void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, F
 
 }  // namespace
 
-size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count) {
+namespace {
+
+// A record's length field holds 32 bits: a longer record is refused, never cut to its low
+// bits. Reported under the name of the operation that refuses it.
+bool recordLengthFits(const char* operation, uint32_t tag, size_t need) {
+    if (need <= UINT32_MAX) return true;
+    META_LOGE_AS(operation, "record of tag %x needs %zu bytes, more than a 32-bit length holds",
+                 tag, need);
+    return false;
+}
+
+}  // namespace
+
+size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count,
+                           const char* operation) {
     size_t total = kStorageHeader;
-    forEachSelected(s.mItemTable, tags, count, [&total](uint32_t, const Content* content) {
-        total += kRecordHead + (content ? content->flattenSize() : 0);
+    bool fits = true;
+    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const Content* content) {
+        const size_t record = content ? content->flattenSize() : 0;
+        if (operation != nullptr && fits) fits = recordLengthFits(operation, tag, record);
+        total += kRecordHead + record;
     });
-    return total;
+    return fits ? total : kTooLong;
 }
 
 nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, const uint32_t* tags,
@@ -220,7 +248,7 @@ bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
         if (c != nullptr && c->mCount != 0) {
             const auto type = static_cast<uint32_t>(c->mType);
             // A broken content (many elements and no array) must meet its fatal check.
-            if (type > TYPE_MRect || c->mCount < 0 ||
+            if (!isBasicType(static_cast<int32_t>(type)) || c->mCount < 0 ||
                 (c->mHeld != Content::Held::kBytes && c->mCount != 1)) {
                 basic = false;
                 return;
@@ -283,8 +311,11 @@ bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
 
 long Storage::flattenSize(const uint32_t* tags, long count) const {
     const flat::EncodeScope scope;
-    if (scope.outermost && !sendable("flattenSize", this, nullptr, tags, count)) return -1;
-    return static_cast<long>(nested::flattenSize(*this, tags, count));
+    if (!scope.outermost) return static_cast<long>(nested::flattenSize(*this, tags, count));
+    if (!sendable("flattenSize", this, nullptr, tags, count)) return -1;
+    // Only the outermost records need a look: a nested record is part of one.
+    const size_t total = nested::flattenSize(*this, tags, count, "flattenSize");
+    return total == nested::kTooLong ? -1 : static_cast<long>(total);
 }
 
 long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) const {
@@ -317,11 +348,7 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
         if (content) {
             // A record's length field holds 32 bits: a longer record is refused before any
             // of it is written, never cut to its low bits.
-            const size_t need = content->flattenSize();
-            if (need > UINT32_MAX) {
-                META_LOGE_AS("flatten",
-                             "record of tag %x needs %zu bytes, more than a 32-bit length holds",
-                             tag, need);
+            if (!recordLengthFits("flatten", tag, content->flattenSize())) {
                 failed = true;
                 failedTag = tag;
                 return;
@@ -483,7 +510,7 @@ long decodeRecords(ItemTable& table, flat::Reader& r, DecodeBlock& block, Conten
             const uint32_t pattern = flat::load32(r.here());
             const auto type = static_cast<int32_t>(flat::load32(r.here() + 4));
             const auto count = static_cast<int32_t>(flat::load32(r.here() + 8));
-            const bool basic = static_cast<uint32_t>(type) <= TYPE_MRect;
+            const bool basic = isBasicType(type);
             if (pattern == Content::kPattern && count >= 0 && (count == 0 || basic)) {
                 const size_t n = count == 0 ? 0
                                             : static_cast<size_t>(kBasicSizes[type]) *
@@ -571,6 +598,15 @@ std::shared_ptr<Storage> nested::unflatten(const void* buf, size_t size) {
 
 namespace {
 
+// The one body of the basic reads: the element of `type` at `index`, copied to `out` (left
+// as it is when there is none; getBasicData then reports why).
+void readBasic(const Content* content, uint32_t index, void* out, int32_t type) {
+    const int at = static_cast<int>(index);
+    const void* p = content->basicAt(at, type);
+    if (p == nullptr) p = content->getBasicData(at, type);
+    if (p) std::memcpy(out, p, static_cast<size_t>(kTypeFacts[type].size));
+}
+
 template <typename T>
 T readValue(const Content* content, uint32_t index) {
     if (content == nullptr) return T();
@@ -582,12 +618,19 @@ T readValue(const Content* content, uint32_t index) {
         auto storage = content->getMetadata(at, TYPE_IMetadata);
         return storage ? IMetadata(storage) : IMetadata();
     } else {
-        const void* p = content->basicAt(at, TypeCode<T>::value);
-        if (p == nullptr) p = content->getBasicData(at, TypeCode<T>::value);  // reports why
         T value{};
-        if (p) std::memcpy(static_cast<void*>(&value), p, sizeof(T));
+        readBasic(content, index, &value, TypeCode<T>::value);
         return value;
     }
+}
+
+// The one body of the writes: a new content of `count` elements of `type` at `values`,
+// written from `index` (all ones: appended).
+std::shared_ptr<Content> madeContent(uint32_t index, const void* values, size_t count,
+                                     int32_t type) {
+    std::shared_ptr<Content> content = Content::make();
+    content->update(static_cast<int>(index), values, count, type);
+    return content;
 }
 
 }  // namespace
@@ -621,8 +664,7 @@ int Storage::readEntries(uint32_t tag, std::vector<T>& values) const {
 
 template <typename T>
 void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
-    std::shared_ptr<Content> content = Content::make();
-    content->update(static_cast<int>(index), &value, 1, TypeCode<T>::value);
+    std::shared_ptr<Content> content = madeContent(index, &value, 1, TypeCode<T>::value);
     mItemTable.update(tag, content);
     content->markReadOnly();
 }
@@ -630,18 +672,14 @@ void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
 template <typename T, typename U>
 std::shared_ptr<Content> Storage::write(const T& value, Type2Type<U>, uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    std::shared_ptr<Content> content = Content::make();
-    content->update(static_cast<int>(index), &value, 1, TypeCode<U>::value);
-    return content;
+    return madeContent(index, &value, 1, TypeCode<U>::value);
 }
 
 template <typename T, typename U>
 std::shared_ptr<Content> Storage::write(const T* values, size_t count, Type2Type<U>,
                                         uint32_t index) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    std::shared_ptr<Content> content = Content::make();
-    content->update(static_cast<int>(index), values, count, TypeCode<U>::value);
-    return content;
+    return madeContent(index, values, count, TypeCode<U>::value);
 }
 
 template <typename T>
@@ -650,8 +688,7 @@ void Storage::writeEntries(uint32_t tag, const T* values, size_t count, uint32_t
         mItemTable.update(tag, nullptr);
         return;
     }
-    std::shared_ptr<Content> content = Content::make();
-    content->update(static_cast<int>(index), values, count, TypeCode<T>::value);
+    std::shared_ptr<Content> content = madeContent(index, values, count, TypeCode<T>::value);
     content->markReadOnly();
     mItemTable.update(tag, content);
 }
@@ -728,7 +765,7 @@ IMetadata::IMetadata(const IMetadata& other)
       mValidNum(0),
       mValidNumBackup(0),
       mStorage(other.getStorageSP()),
-      mStorageRaw(mStorage.get()),
+      mStorageRaw(lockFreeView(mStorage)),
       mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
@@ -741,7 +778,7 @@ IMetadata::IMetadata(const std::shared_ptr<Storage>& storage)
       mValidNum(0),
       mValidNumBackup(0),
       mStorage(storage),
-      mStorageRaw(mStorage.get()),
+      mStorageRaw(lockFreeView(mStorage)),
       mSequence(0),
       mLockMarker(kLockMarker),
       mTailMarker(kTailMarker) {
@@ -763,7 +800,7 @@ IMetadata::IMetadata(const void* buf, size_t size)
     } else {
         storage->mItemTable.publish();
         mStorage = std::move(storage);
-        mStorageRaw.store(mStorage.get(), std::memory_order_release);
+        mStorageRaw.store(lockFreeView(mStorage), std::memory_order_release);
     }
     assignValidNumber();
 }
@@ -780,7 +817,7 @@ IMetadata::~IMetadata() {
 void IMetadata::installLocked(std::shared_ptr<Storage> storage) const {
     if (storage) storage->mItemTable.publish();
     std::shared_ptr<Storage> old = std::exchange(mStorage, std::move(storage));
-    mStorageRaw.store(mStorage.get(), std::memory_order_release);
+    mStorageRaw.store(lockFreeView(mStorage), std::memory_order_release);
     letGo(std::move(old));
 }
 
@@ -1028,9 +1065,49 @@ struct DumpLevel {
     ~DumpLevel() { --tDumpDepth; }
 };
 
-template <typename T>
-T itemOf(const IEntry& entry, uint32_t i) {
-    return entry.itemAt(i, Type2Type<T>());
+// The values of a row of a basic type, each by its type's dump form. The entry is the
+// caller's own copy of the row: its values cannot change while they are read.
+void appendBasicValues(BoundedText& line, const IEntry& entry, const TypeFacts& facts,
+                       uint32_t count) {
+    const auto* values = static_cast<const uint8_t*>(entry.data());
+    if (values == nullptr) return;
+    char text[kDumpLineSize];
+    for (uint32_t j = 0; j < count; ++j) {
+        formatElement(text, sizeof(text), facts.dumpForm, facts.code,
+                      values + static_cast<size_t>(j) * static_cast<size_t>(facts.size));
+        line.appendf("%s", text);
+    }
+}
+
+// Each non-empty blob of a row: its index and size, then its first 64 bytes only, so that a
+// row stays one line.
+void appendBlobs(BoundedText& line, const IEntry& entry, uint32_t count) {
+    for (uint32_t j = 0; j < count; ++j) {
+        const Memory m = entry.itemAt(j, Type2Type<Memory>());
+        size_t size = 0;
+        const uint8_t* bytes = m.array(size);
+        if (bytes == nullptr || size == 0) continue;
+        line.appendf(kTypeFacts[TYPE_Memory].dumpForm, static_cast<int>(j),
+                     static_cast<int>(size));
+        for (size_t b = 0; b < std::min<size_t>(size, 64); ++b) line.appendf("%02X ", bytes[b]);
+    }
+}
+
+// Each nested container of a row is dumped one layer deeper after the row's line so far, as
+// deep as a receiver would take them; a deeper one is said once, not dumped.
+void dumpNested(BoundedText& line, const IEntry& entry, uint32_t count, int layer, bool force) {
+    for (uint32_t j = 0; j < count; ++j) {
+        const IMetadata nested = entry.itemAt(j, Type2Type<IMetadata>());
+        if (line.appendf("%s", kTypeFacts[TYPE_IMetadata].dumpForm) < 0) continue;
+        META_LOGD_AS("dump", "(L%d) %s", layer, line.c_str());
+        if (tDumpDepth >= flat::kMaxNestingDepth) {
+            META_LOGD_AS("dump", "(L%d) containers nested deeper than %d levels: not dumped",
+                         layer + 1, flat::kMaxNestingDepth);
+            continue;
+        }
+        const DumpLevel deeper;
+        nested.dump(layer + 1, force);
+    }
 }
 
 }  // namespace
@@ -1059,81 +1136,15 @@ void IMetadata::dump(int layer, bool force) const {
                          static_cast<size_t>(lockedRowCount()), entry.tag(), type,
                          static_cast<int>(count)) < 0)
             continue;
-        switch (type) {
-            case TYPE_UINT8:
-                for (uint32_t j = 0; j < count; ++j)
-                    line.appendf("%d ", itemOf<unsigned char>(entry, j));
-                break;
-            case TYPE_INT32:
-                for (uint32_t j = 0; j < count; ++j) line.appendf("%d ", itemOf<int>(entry, j));
-                break;
-            case TYPE_FLOAT:
-                for (uint32_t j = 0; j < count; ++j)
-                    line.appendf("%f ", static_cast<double>(itemOf<float>(entry, j)));
-                break;
-            case TYPE_INT64:
-                for (uint32_t j = 0; j < count; ++j) line.appendf("%ld ", itemOf<long>(entry, j));
-                break;
-            case TYPE_DOUBLE:
-                for (uint32_t j = 0; j < count; ++j) line.appendf("%lf ", itemOf<double>(entry, j));
-                break;
-            case TYPE_MRational:
-                for (uint32_t j = 0; j < count; ++j) {
-                    const MRational v = itemOf<MRational>(entry, j);
-                    line.appendf("rational(%d,%d) ", v.numerator, v.denominator);
-                }
-                break;
-            case TYPE_MPoint:
-                for (uint32_t j = 0; j < count; ++j) {
-                    const MPoint v = itemOf<MPoint>(entry, j);
-                    line.appendf("point(%d,%d) ", v.x, v.y);
-                }
-                break;
-            case TYPE_MSize:
-                for (uint32_t j = 0; j < count; ++j) {
-                    const MSize v = itemOf<MSize>(entry, j);
-                    line.appendf("size(%d,%d) ", v.w, v.h);
-                }
-                break;
-            case TYPE_MRect:
-                for (uint32_t j = 0; j < count; ++j) {
-                    const MRect v = itemOf<MRect>(entry, j);
-                    line.appendf("rect(%d,%d,%d,%d) ", v.p.x, v.p.y, v.s.w, v.s.h);
-                }
-                break;
-            case TYPE_IMetadata:
-                // Each nested container is dumped one layer deeper after the line so far, as
-                // deep as a receiver would take them; a deeper one is said once, not dumped.
-                for (uint32_t j = 0; j < count; ++j) {
-                    const IMetadata nested = itemOf<IMetadata>(entry, j);
-                    if (line.appendf("metadata.. ") < 0) continue;
-                    META_LOGD("(L%d) %s", layer, line.c_str());
-                    if (tDumpDepth >= flat::kMaxNestingDepth) {
-                        META_LOGD("(L%d) containers nested deeper than %d levels: not dumped",
-                                  layer + 1, flat::kMaxNestingDepth);
-                        continue;
-                    }
-                    const DumpLevel deeper;
-                    nested.dump(layer + 1, force);
-                }
-                break;
-            case TYPE_Memory:
-                for (uint32_t j = 0; j < count; ++j) {
-                    const Memory m = itemOf<Memory>(entry, j);
-                    size_t size = 0;
-                    const uint8_t* bytes = m.array(size);
-                    if (bytes == nullptr || size == 0) continue;
-                    line.appendf("memory[%d] size %d:", static_cast<int>(j),
-                                 static_cast<int>(size));
-                    // A blob shows its first 64 bytes only: one line per entry, never wrapped.
-                    for (size_t b = 0; b < std::min<size_t>(size, 64); ++b)
-                        line.appendf("%02X ", bytes[b]);
-                }
-                break;
-            default:
-                line.appendf("unsupported type(%d)", type);
-                break;
-        }
+        const TypeFacts* facts = typeFacts(type);
+        if (facts == nullptr)
+            line.appendf("unsupported type(%d)", type);
+        else if (facts->basic)
+            appendBasicValues(line, entry, *facts, count);
+        else if (type == TYPE_IMetadata)
+            dumpNested(line, entry, count, layer, force);
+        else
+            appendBlobs(line, entry, count);
         META_LOGD("(L%d) %s", layer, line.c_str());
     }
 }
@@ -1151,7 +1162,9 @@ int IMetadata::readWithoutLock(uint32_t tag, int32_t type, size_t index, void* o
         if ((before & 1) != 0) return -1;  // a writer is at work: wait for it on the lock
         if (validNum() == 0) return -1;    // the locked path reports it
         int found = 0;
-        if (const Storage* s = mStorageRaw.load(std::memory_order_acquire)) {
+        const Storage* s = mStorageRaw.load(std::memory_order_acquire);
+        if (s == nullptr) return -1;  // no storage, or one read under the lock only
+        {
             // A content in a table is never changed, and one the table drops stays allocated
             // while this section lasts: its fields are read as they are.
             const Content* c = nullptr;
@@ -1187,8 +1200,7 @@ int IMetadata::setEntry(IMetadata* metadata, uint32_t tag, const T& value) {
     if (metadata == nullptr) return -1;
     // What an entry for the tag holding the one value, stored with update, would store:
     // one new content, marked shared as the store marks it.
-    std::shared_ptr<Content> content = Content::make();
-    content->update(-1, &value, 1, TypeCode<T>::value);
+    std::shared_ptr<Content> content = madeContent(0xFFFFFFFFu, &value, 1, TypeCode<T>::value);
     content->markReadOnly();
     metadata->update(tag, std::move(content));  // a caller who must know reads the entry back
     return 0;
