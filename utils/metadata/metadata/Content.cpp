@@ -522,59 +522,64 @@ long Content::unflattenPayload(flat::Reader& r, Arena* arena) {
     if (mCount == 0) return static_cast<long>(r.pos);
     if (mCount < 0) return outOfBuffer(r, 0);
     const size_t count = static_cast<size_t>(mCount);
-
-    if (mType == TYPE_Memory) {
-        // Every element carries at least its 4-byte length: refuse before allocating for a
-        // count the bytes cannot hold.
-        if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
-        releaseArrays();
-        mObjects = new Blobs(count);
-        mHeld = Held::kBlobs;
-        for (Memory& m : *blobs()) {
-            if (!r.has(4)) return outOfBuffer(r, 4);
-            const uint32_t n = r.u32();
-            if (n == 0) continue;
-            if (!r.has(n)) return outOfBuffer(r, n);
-            m.fastResize(n);
-            std::memcpy(m.editArray(), r.here(), n);
-            r.pos += n;
-        }
-        return static_cast<long>(r.pos);
-    }
-
-    if (mType == TYPE_IMetadata) {
-        if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
-        if (flat::tDecode.depth >= flat::kMaxNestingDepth) {
-            META_LOGE_AS("unflatten", "nesting deeper than %d levels at %p", flat::kMaxNestingDepth,
-                         r.here());
-            return -1;
-        }
-        const DepthGuard depth;
-        releaseArrays();
-        mObjects = new Storages(count);
-        mHeld = Held::kStorages;
-        for (auto& slot : *storages()) {
-            if (!r.has(4)) return outOfBuffer(r, 4);
-            const uint32_t n = r.u32();
-            if (n == 0) continue;
-            if (!r.has(n)) return outOfBuffer(r, n);
-            if (++flat::tDecode.nested > flat::kMaxNestedContainers) {
-                META_LOGE_AS("unflatten", "more than %zu nested containers at %p",
-                             flat::kMaxNestedContainers, r.here());
-                return -1;
-            }
-            slot = nested::unflatten(r.here(), n);
-            // A nested block that does not decode makes the whole record malformed.
-            if (!slot) return -1;
-            r.pos += n;
-        }
-        return static_cast<long>(r.pos);
-    }
-
+    if (mType == TYPE_Memory) return unflattenBlobs(r, count);
+    if (mType == TYPE_IMetadata) return unflattenStorages(r, count);
     if (mType == -1) {
         META_LOGE_AS("unflatten", "mType hould valid!");
         return -1;
     }
+    return unflattenBasic(r, count, arena);
+}
+
+long Content::unflattenBlobs(flat::Reader& r, size_t count) {
+    // Every element carries at least its 4-byte length: refuse before allocating for a count
+    // the bytes cannot hold.
+    if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
+    releaseArrays();
+    mObjects = new Blobs(count);
+    mHeld = Held::kBlobs;
+    for (Memory& m : *blobs()) {
+        if (!r.has(4)) return outOfBuffer(r, 4);
+        const uint32_t n = r.u32();
+        if (n == 0) continue;
+        if (!r.has(n)) return outOfBuffer(r, n);
+        m.fastResize(n);
+        std::memcpy(m.editArray(), r.here(), n);
+        r.pos += n;
+    }
+    return static_cast<long>(r.pos);
+}
+
+long Content::unflattenStorages(flat::Reader& r, size_t count) {
+    if (count > r.remaining() / 4) return outOfBuffer(r, count * 4);
+    if (flat::tDecode.depth >= flat::kMaxNestingDepth) {
+        META_LOGE_AS("unflatten", "nesting deeper than %d levels at %p", flat::kMaxNestingDepth,
+                     r.here());
+        return -1;
+    }
+    const DepthGuard depth;
+    releaseArrays();
+    mObjects = new Storages(count);
+    mHeld = Held::kStorages;
+    for (auto& slot : *storages()) {
+        if (!r.has(4)) return outOfBuffer(r, 4);
+        const uint32_t n = r.u32();
+        if (n == 0) continue;
+        if (!r.has(n)) return outOfBuffer(r, n);
+        if (++flat::tDecode.nested > flat::kMaxNestedContainers) {
+            META_LOGE_AS("unflatten", "more than %zu nested containers at %p",
+                         flat::kMaxNestedContainers, r.here());
+            return -1;
+        }
+        slot = nested::unflatten(r.here(), n);
+        // A nested block that does not decode makes the whole record malformed.
+        if (!slot) return -1;
+        r.pos += n;
+    }
+    return static_cast<long>(r.pos);
+}
+
+long Content::unflattenBasic(flat::Reader& r, size_t count, Arena* arena) {
     const size_t e = static_cast<size_t>(_typeSize());  // fatal for a corrupt type code
     const size_t n = e * count;
     if (!r.has(n)) return outOfBuffer(r, n);

@@ -160,6 +160,10 @@ private:
     // Room for `bytes` in the byte array, keeping its first `keep` bytes.
     void reserveBytes(size_t bytes, size_t keep);
     long unflattenPayload(flat::Reader& r, Arena* arena);
+    // The payload of each kind of record, after its header.
+    long unflattenBlobs(flat::Reader& r, size_t count);
+    long unflattenStorages(flat::Reader& r, size_t count);
+    long unflattenBasic(flat::Reader& r, size_t count, Arena* arena);
     bool refuseElement(int index, int type, const char* operation) const;
 };
 
