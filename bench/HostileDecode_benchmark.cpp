@@ -58,9 +58,9 @@ using NSCam::IMetadata;
 using Bytes = std::vector<uint8_t>;
 using Words = std::vector<uint32_t>;
 
-constexpr uint32_t kMagic = 0x01245432;     // a storage block's head
-constexpr uint32_t kRecord = 0xAB2454CD;    // a record's head
-constexpr size_t kLimit = 16u << 20;        // the input sizes swept up to
+constexpr uint32_t kMagic = 0x01245432;   // a storage block's head
+constexpr uint32_t kRecord = 0xAB2454CD;  // a record's head
+constexpr size_t kLimit = 16u << 20;      // the input sizes swept up to
 
 Bytes bytesOf(const Words& w) {
     const auto* b = reinterpret_cast<const uint8_t*>(w.data());
@@ -99,8 +99,10 @@ Bytes wideTables(uint32_t tables, uint32_t rows) {
 Bytes chain(uint32_t levels, uint32_t bytes) {
     Words w = block(1, NSCam::TYPE_UINT8, bytes, Words((bytes + 3) / 4, 0x5A5A5A5A));
     for (uint32_t l = 0; l < levels; ++l) {
-        Words outer = {kMagic, 1, 0x00030000, 4 * uint32_t(3 + 1 + w.size()), kRecord,
-                       NSCam::TYPE_IMetadata, 1, 4 * uint32_t(w.size())};
+        Words outer = {kMagic,     1,
+                       0x00030000, 4 * uint32_t(3 + 1 + w.size()),
+                       kRecord,    NSCam::TYPE_IMetadata,
+                       1,          4 * uint32_t(w.size())};
         outer.insert(outer.end(), w.begin(), w.end());
         w.swap(outer);
     }
@@ -123,7 +125,8 @@ Bytes form(int which) {
         case 3:  // the most records a table may hold, each of 100 ints
             return bytesOf(block(32767, NSCam::TYPE_INT32, 100, Words(100, 7)));
         case 4:  // empty blobs: 4 bytes of input each
-            return bytesOf(block(1, NSCam::TYPE_Memory, kLimit / 4 - 16, Words(kLimit / 4 - 16, 0)));
+            return bytesOf(
+                block(1, NSCam::TYPE_Memory, kLimit / 4 - 16, Words(kLimit / 4 - 16, 0)));
         case 5:  // rectangles: 16 bytes each
             return bytesOf(block(1, NSCam::TYPE_MRect, kLimit / 16 - 4, Words(kLimit / 4 - 16, 1)));
         case 6:  // the nested tables again, the last one's block spoilt: decoded, then refused
@@ -142,8 +145,8 @@ Bytes form(int which) {
             return {};
     }
 }
-const char* const kNames[] = {"EmptyNested8192", "NestedTables8192x80", "Chain64Deep16MiB",
-                              "Records32767x100", "EmptyBlobs16MiB", "Rects16MiB",
+const char* const kNames[] = {"EmptyNested8192",       "NestedTables8192x80", "Chain64Deep16MiB",
+                              "Records32767x100",      "EmptyBlobs16MiB",     "Rects16MiB",
                               "NestedTablesLastSpoilt"};
 
 // The refused form logs a few lines per decode: not what is measured here.

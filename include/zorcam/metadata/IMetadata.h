@@ -142,8 +142,8 @@ public:
         bool _ContentUpdate(int32_t index, const void* data, size_t count, int32_t type);
         void noteFailure() const;  // lowers mErrorTypeTag to this entry's tag
         // The bodies the typed families forward to, with the type code of their values.
-        void writeElements(const char* operation, int32_t index, const void* data,
-                           size_t count, int32_t type);
+        void writeElements(const char* operation, int32_t index, const void* data, size_t count,
+                           int32_t type);
         bool readElements(uint32_t index, void* out, size_t count, int32_t type) const;
         template <typename T>
         bool readHandles(uint32_t index, T* out, size_t count) const;
@@ -167,9 +167,10 @@ public:
 
         // Rows in insertion order (a removal moves the last row into the hole), found in
         // constant time: through a fixed slot map of the known tags (a small side index for
-        // the others), or, in a table of a few rows, by looking at them. Copies share rows until one side changes them; slot arrays are
-        // pooled process-wide in sBufferQueue. Not thread-safe: used under the lock of the
-        // container that holds it (readers without the lock use find(), see below).
+        // the others), or, in a table of a few rows, by looking at them. Copies share rows until
+        // one side changes them; slot arrays are pooled process-wide in sBufferQueue. Not
+        // thread-safe: used under the lock of the container that holds it (readers without the lock
+        // use find(), see below).
         class ItemTable {
         public:
             static constexpr uint32_t kSlotCount = 1610;

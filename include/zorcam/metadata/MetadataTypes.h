@@ -106,25 +106,23 @@ struct TypeFacts {
     int32_t defaultWords[4];
 };
 
+// One row a type: code, name, short name, element size, basic, searchable, dump form, text
+// form, print kind, default value.
+// clang-format off
 inline constexpr TypeFacts kTypeFacts[NUM_MTYPE] = {
-    {TYPE_UINT8, "TYPE_UINT8", "uint8", 1, true, true, "%d ", "%d ", PrintAs::kInt, {}},
-    {TYPE_INT32, "TYPE_INT32", "int32", 4, true, true, "%d ", "%d ", PrintAs::kInt, {}},
-    {TYPE_FLOAT, "TYPE_FLOAT", "float", 4, true, true, "%f ", "%f ", PrintAs::kDouble, {}},
-    {TYPE_INT64, "TYPE_INT64", "int64", 8, true, true, "%ld ", "%ld ", PrintAs::kLong, {}},
-    {TYPE_DOUBLE, "TYPE_DOUBLE", "double", 8, true, true, "%lf ", "%f ", PrintAs::kDouble, {}},
-    {TYPE_MRational, "TYPE_MRational", "rational", 8, true, false, "rational(%d,%d) ",
-     "[%d / %d] ", PrintAs::kInts, {0, 1}},
-    {TYPE_MPoint, "TYPE_MPoint", "point", 8, true, true, "point(%d,%d) ", "(%d, %d) ",
-     PrintAs::kInts, {}},
-    {TYPE_MSize, "TYPE_MSize", "size", 8, true, true, "size(%d,%d) ", "(%d, %d) ", PrintAs::kInts,
-     {}},
-    {TYPE_MRect, "TYPE_MRect", "rect", 16, true, true, "rect(%d,%d,%d,%d) ", "(%d, %d, %d, %d) ",
-     PrintAs::kInts, {}},
-    {TYPE_IMetadata, "TYPE_IMetadata", "metadata", -1, false, false, "metadata.. ", "",
-     PrintAs::kNone, {}},
-    {TYPE_Memory, "TYPE_Memory", "memory", 1, false, true, "memory[%d] size %d:", "",
-     PrintAs::kNone, {}},
+    {TYPE_UINT8,     "TYPE_UINT8",     "uint8",    1,  true,  true,  "%d ",                "%d ",               PrintAs::kInt,    {}},
+    {TYPE_INT32,     "TYPE_INT32",     "int32",    4,  true,  true,  "%d ",                "%d ",               PrintAs::kInt,    {}},
+    {TYPE_FLOAT,     "TYPE_FLOAT",     "float",    4,  true,  true,  "%f ",                "%f ",               PrintAs::kDouble, {}},
+    {TYPE_INT64,     "TYPE_INT64",     "int64",    8,  true,  true,  "%ld ",               "%ld ",              PrintAs::kLong,   {}},
+    {TYPE_DOUBLE,    "TYPE_DOUBLE",    "double",   8,  true,  true,  "%lf ",               "%f ",               PrintAs::kDouble, {}},
+    {TYPE_MRational, "TYPE_MRational", "rational", 8,  true,  false, "rational(%d,%d) ",   "[%d / %d] ",        PrintAs::kInts,   {0, 1}},
+    {TYPE_MPoint,    "TYPE_MPoint",    "point",    8,  true,  true,  "point(%d,%d) ",      "(%d, %d) ",         PrintAs::kInts,   {}},
+    {TYPE_MSize,     "TYPE_MSize",     "size",     8,  true,  true,  "size(%d,%d) ",       "(%d, %d) ",         PrintAs::kInts,   {}},
+    {TYPE_MRect,     "TYPE_MRect",     "rect",     16, true,  true,  "rect(%d,%d,%d,%d) ", "(%d, %d, %d, %d) ", PrintAs::kInts,   {}},
+    {TYPE_IMetadata, "TYPE_IMetadata", "metadata", -1, false, false, "metadata.. ",        "",                  PrintAs::kNone,   {}},
+    {TYPE_Memory,    "TYPE_Memory",    "memory",   1,  false, true,  "memory[%d] size %d:", "",                 PrintAs::kNone,   {}},
 };
+// clang-format on
 
 // The facts of a type code, or null for a code outside 0..10 (-1, "no type yet", included).
 constexpr const TypeFacts* typeFacts(int32_t code) {
@@ -211,10 +209,12 @@ static_assert(detail::factsMatch<unsigned char>() && detail::factsMatch<int>() &
                   detail::factsMatch<MPoint>() && detail::factsMatch<MSize>() &&
                   detail::factsMatch<MRect>(),
               "each basic type sits in its row with its size");
-static_assert([] {
-    for (int32_t code = 0; code < NUM_MTYPE; ++code)
-        if (isBasicType(code) != kTypeFacts[code].basic) return false;
-    return !isBasicType(-1);
-}(), "the basic codes come first");
+static_assert(
+    [] {
+        for (int32_t code = 0; code < NUM_MTYPE; ++code)
+            if (isBasicType(code) != kTypeFacts[code].basic) return false;
+        return !isBasicType(-1);
+    }(),
+    "the basic codes come first");
 
 }  // namespace NSCam

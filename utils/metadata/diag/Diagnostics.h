@@ -93,11 +93,11 @@ void writeULogLine(const Module& module, const char* tag, int level, const char*
             ::NSCam::diag::errorWithCallStack(META_LOG_SITE_AS_(func), "%s(%d):" fmt, func, \
                                               __LINE__, ##__VA_ARGS__);                     \
     } while (0)
-#define META_LOGD_AS(func, fmt, ...)                                                      \
-    do {                                                                                  \
-        if (::NSCam::diag::debugOn(LOG_MODULE))                                           \
+#define META_LOGD_AS(func, fmt, ...)                                                     \
+    do {                                                                                 \
+        if (::NSCam::diag::debugOn(LOG_MODULE))                                          \
             ::NSCam::diag::debug(META_LOG_SITE_AS_(func), "%s(%d):" fmt, func, __LINE__, \
-                                 ##__VA_ARGS__);                                          \
+                                 ##__VA_ARGS__);                                         \
     } while (0)
 #define META_FATAL_AS(func, fmt, ...)                                                   \
     ::NSCam::diag::fatal(META_LOG_SITE_AS_(func), false, "%s(%d):" fmt, func, __LINE__, \

@@ -19,7 +19,8 @@ inline int formatElement(char* out, size_t size, const char* form, int32_t type,
     int32_t words[4] = {};
     switch (facts->printAs) {
         case PrintAs::kInt:
-            if (facts->size == 1) return std::snprintf(out, size, form, *static_cast<const uint8_t*>(element));
+            if (facts->size == 1)
+                return std::snprintf(out, size, form, *static_cast<const uint8_t*>(element));
             std::memcpy(words, element, 4);
             return std::snprintf(out, size, form, words[0]);
         case PrintAs::kDouble:

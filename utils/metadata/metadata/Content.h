@@ -97,8 +97,7 @@ public:
     // getBasicData's answer when it has one, without a report; null otherwise (the caller
     // then asks getBasicData, which reports why).
     const void* basicAt(int index, int type) const {
-        if (index < 0 || index >= mCount || mType != type || !isBasicType(type))
-            return nullptr;
+        if (index < 0 || index >= mCount || mType != type || !isBasicType(type)) return nullptr;
         if (mHeld == Held::kBytes)
             return mBytes + static_cast<size_t>(index) * static_cast<size_t>(kTypeFacts[type].size);
         return mCount == 1 ? mInlineData : nullptr;

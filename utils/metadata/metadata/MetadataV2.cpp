@@ -1087,8 +1087,7 @@ void appendBlobs(BoundedText& line, const IEntry& entry, uint32_t count) {
         size_t size = 0;
         const uint8_t* bytes = m.array(size);
         if (bytes == nullptr || size == 0) continue;
-        line.appendf(kTypeFacts[TYPE_Memory].dumpForm, static_cast<int>(j),
-                     static_cast<int>(size));
+        line.appendf(kTypeFacts[TYPE_Memory].dumpForm, static_cast<int>(j), static_cast<int>(size));
         for (size_t b = 0; b < std::min<size_t>(size, 64); ++b) line.appendf("%02X ", bytes[b]);
     }
 }
