@@ -1,4 +1,4 @@
-// IMetadata::IEntry: typed families, converting appends, copy-on-write, failures, threads.
+// IMetadata::IEntry: typed families, converting appends, search, copy-on-write, failures.
 #include "Content.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <thread>
 
 #include "MetadataInspector.h"
 #include "RecordingLogger.h"
@@ -127,13 +126,17 @@ TEST_F(EntryTest, ConvertingAppendsAndIndexOf) {
                          as<int>(static_cast<unsigned short>(0xFFFF)) == 65535,
                          as<int>(0xFFFFFFFF80000000ul) == INT32_MIN};
     for (size_t i = 0; i < std::size(rows); ++i) EXPECT_TRUE(rows[i]) << "row " << i;
-    // Search compares as the type does: NaN never matches, -0.0 matches 0.0, blobs by bytes.
-    IEntry f(1), m(4);
+    // Search compares as the type does: NaN never matches, -0.0 matches 0.0, blobs by bytes,
+    // rects by all four fields.
+    IEntry f(1), m(4), r(5);
     const float nan = std::numeric_limits<float>::quiet_NaN(), values[] = {nan, 0.0f, 2.5f};
     const Memory blobs[] = {Memory("ab", 2), Memory(), Memory("abc", 3)};
+    const MRect rects[] = {{1, 2, 3, 4}, {1, 2, 3, 9}};
     f.push_back(values, 3, Type2Type<float>());
     m.push_back(blobs, 3, Type2Type<Memory>());
+    r.push_back(rects, 2, Type2Type<MRect>());
     EXPECT_TRUE(IEntry::indexOf(f, nan) == -1 && IEntry::indexOf(f, -0.0f) == 1);
+    EXPECT_TRUE(IEntry::indexOf(r, rects[1]) == 1 && IEntry::indexOf(r, MRect(1, 2, 9, 4)) == -1);
     EXPECT_TRUE(IEntry::indexOf(m, Memory("abc", 3)) == 2 && IEntry::indexOf(m, Memory()) == 1);
     EXPECT_EQ(log.take(), Lines{});
 }
@@ -180,20 +183,6 @@ TEST_F(EntryTest, CopyOnWriteInEveryDirection) {
         EXPECT_TRUE(content->isReadOnly());
         EXPECT_EQ(log.take(), (level ? Lines{line, "Callstack:"} : Lines{}));
     }
-}
-
-// Two threads assigning two entries to each other never deadlock.
-TEST_F(EntryTest, ThreadsAssignToEachOther) {
-    IEntry a(1), b(2);
-    a.push_back(1, kInt);
-    std::thread t1([&] {
-        for (int i = 0; i < 20000; ++i) a = b;
-    });
-    std::thread t2([&] {
-        for (int i = 0; i < 20000; ++i) b = a;
-    });
-    for (std::thread* t : {&t1, &t2}) t->join();
-    EXPECT_TRUE(contentOf(a) == contentOf(b) && a.tag() == b.tag());
 }
 
 }  // namespace

@@ -48,15 +48,17 @@ TWO(unsigned char, 7, 250)
 TWO(int, -5, 123456)
 TWO(float, 1.5f, -2.25f)
 TWO(double, 0.1, -1e300)
-TWO(long, -5000000000L, 1L << 40) TWO(MRational, MRational(3, 4), MRational(-1, 7))
-    TWO(MPoint, MPoint(1, 2), MPoint(-3, 4)) TWO(MSize, MSize(640, 480), MSize(1, 1))
-        TWO(MRect, MRect(1, 2, 3, 4), MRect(5, 6, 7, 8)) TWO(IMetadata, holding(5), holding(-8))
-            TWO(Memory, Memory("\1\2\3", 3), Memory("\11\10", 2))
+TWO(long, -5000000000L, 1L << 40)
+TWO(MRational, MRational(3, 4), MRational(-1, 7))
+TWO(MPoint, MPoint(1, 2), MPoint(-3, 4))
+TWO(MSize, MSize(640, 480), MSize(1, 1))
+TWO(MRect, MRect(1, 2, 3, 4), MRect(5, 6, 7, 8))
+TWO(IMetadata, holding(5), holding(-8))
+TWO(Memory, Memory("\1\2\3", 3), Memory("\11\10", 2))
 #undef TWO
 
-                template <typename T>
-                class TypedAccessTest : public zorcam_test::LoggerTest {
-};
+template <typename T>
+class TypedAccessTest : public zorcam_test::LoggerTest {};
 using ValueTypes = ::testing::Types<unsigned char, int, float, long, double, MRational, MPoint,
                                     MSize, MRect, IMetadata, Memory>;
 TYPED_TEST_SUITE(TypedAccessTest, ValueTypes);

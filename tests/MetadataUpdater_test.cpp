@@ -58,8 +58,8 @@ TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
     setLogging(0x2, 5, 0x101000);
     u->dumpMeta(&meta);
     u->dumpMeta(&empty);  // no line at all
-    EXPECT_EQ(log.textsAt(5), lines);
-    for (const auto& l : log.lines()) EXPECT_EQ(l.tag, "zorcam-MetaUpdater");
+    for (const auto& l : log.lines()) EXPECT_TRUE(l.tag == "zorcam-MetaUpdater" && l.level == 5);
+    EXPECT_EQ(log.take(), lines);
 }
 
 // appendMFNR adds its hint for a still capture (intent 1) only; any tuning hint but -1 replaces.
@@ -89,7 +89,7 @@ TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::EAppendStage(2), &c, &r, &h), -1);
     u->destroy();
-    EXPECT_EQ(log.textsAt(2),
+    EXPECT_EQ(log.take(),
               (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
                                         "[3::appendCustomerMeta] Unknown append stage",
                                         "[3::destroy] Not Implement"}));
@@ -112,7 +112,7 @@ TEST_F(UpdaterTest, DerivedDeviceHookIsMergedAndLogged) {
     IMetadata::setEntry<uint8_t>(&control, kIntent, 1);
     EXPECT_EQ(DeviceHook({4}).appendCustomerMeta(kDevice, &control, nullptr, nullptr), 0);
     EXPECT_EQ(
-        log.textsAt(5),
+        log.take(),
         (std::vector<std::string>{
             "[4::appendCustomerMeta] + 0", "[4::appendCustomerMeta] appendAppControlMeta count=2",
             "[4::dumpMeta] 0x1 => 42 ", "[4::dumpMeta] 0x2 => 5 ",
@@ -137,7 +137,7 @@ TEST_F(UpdaterTest, DerivedPipelineHookIsMergedIntoResultAndHal) {
         PipelineHook({5}).appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_TRUE(c.isEmpty() && r.entryFor(5).itemAt(0, Type2Type<int32_t>()) == 1 &&
                 h.entryFor(6).itemAt(0, Type2Type<int32_t>()) == 2 && r.count() + h.count() == 2);
-    EXPECT_EQ(log.textsAt(5),
+    EXPECT_EQ(log.take(),
               (std::vector<std::string>{"[5::appendCustomerMeta] appendAppResultMeta count=1",
                                         "[5::dumpMeta] 0x5 => 1 ",
                                         "[5::appendCustomerMeta] appendHalMeta count=1",
