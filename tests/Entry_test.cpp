@@ -9,10 +9,13 @@
 
 #include "MetadataInspector.h"
 #include "RecordingLogger.h"
+#include "Values.h"
 
 namespace {
 
 using namespace NSCam;
+using zorcam_test::same;
+using zorcam_test::sample;
 using IEntry = IMetadata::IEntry;
 using Memory = IMetadata::Memory;
 using Lines = std::vector<std::string>;
@@ -31,37 +34,10 @@ std::string failed(const char* f, const char* what, const IEntry& e) {  // a rea
     return fmt("%s:%s, tag %x, mContentPtr %p", f, what, e.tag(), static_cast<void*>(contentOf(e)));
 }
 
-// Distinct values of each type; a container read back shares the stored storage.
-template <typename T>
-T sample(int i) {
-    T v;
-    std::memset(static_cast<void*>(&v), 17 * (i + 1), sizeof v);
-    return v;
-}
-template <>
-Memory sample(int i) {
-    return Memory("abcdef", static_cast<size_t>(i + 1));
-}
-template <>
-IMetadata sample(int i) {
-    IMetadata m;
-    IMetadata::setEntry<int>(&m, 1, i);
-    return m;
-}
-template <typename T>
-bool same(const T& a, const T& b) {
-    return a == b;
-}
-bool same(const IMetadata& a, const IMetadata& b) {
-    return a.getStorageSP() == b.getStorageSP();
-}
-
 using EntryTest = zorcam_test::LoggerTest;
 template <typename T>
 class EntryTypedTest : public EntryTest {};
-using ValueTypes = ::testing::Types<unsigned char, int, float, long, double, MRational, MPoint,
-                                    MSize, MRect, Memory, IMetadata>;
-TYPED_TEST_SUITE(EntryTypedTest, ValueTypes);
+TYPED_TEST_SUITE(EntryTypedTest, zorcam_test::ValueTypes);
 
 // Every family for every type; refusals log exactly and only ever lower the error tag.
 TYPED_TEST(EntryTypedTest, EditAndReadFamilies) {
