@@ -185,9 +185,9 @@ Bytes written(size_t size, Writer&& write) {
 bool sameStorage(const Storage& s, const MRows& rows) {
     const Bytes want = encode(rows);
     if (depthOf(rows) <= flat::kMaxNestingDepth) {  // deeper forms are refused by flatten
-        if (written(want.size(), [&](void* p, size_t n) {
-                return s.flatten(p, n, nullptr, -1);
-            }) != want) return false;
+        if (written(want.size(), [&](void* p, size_t n) { return s.flatten(p, n, nullptr, -1); }) !=
+            want)
+            return false;
     } else if (s.size() != rows.size()) {
         return false;
     }
@@ -222,17 +222,28 @@ bool sameEntry(const IEntry& entry, const MEntry& m) {
 template <typename Fn>
 void withType(int32_t type, Fn&& fn) {
     switch (type) {
-        case TYPE_UINT8: return fn(Type2Type<unsigned char>());
-        case TYPE_INT32: return fn(Type2Type<int>());
-        case TYPE_FLOAT: return fn(Type2Type<float>());
-        case TYPE_INT64: return fn(Type2Type<long>());
-        case TYPE_DOUBLE: return fn(Type2Type<double>());
-        case TYPE_MRational: return fn(Type2Type<MRational>());
-        case TYPE_MPoint: return fn(Type2Type<MPoint>());
-        case TYPE_MSize: return fn(Type2Type<MSize>());
-        case TYPE_MRect: return fn(Type2Type<MRect>());
-        case TYPE_IMetadata: return fn(Type2Type<IMetadata>());
-        default: return fn(Type2Type<Memory>());
+        case TYPE_UINT8:
+            return fn(Type2Type<unsigned char>());
+        case TYPE_INT32:
+            return fn(Type2Type<int>());
+        case TYPE_FLOAT:
+            return fn(Type2Type<float>());
+        case TYPE_INT64:
+            return fn(Type2Type<long>());
+        case TYPE_DOUBLE:
+            return fn(Type2Type<double>());
+        case TYPE_MRational:
+            return fn(Type2Type<MRational>());
+        case TYPE_MPoint:
+            return fn(Type2Type<MPoint>());
+        case TYPE_MSize:
+            return fn(Type2Type<MSize>());
+        case TYPE_MRect:
+            return fn(Type2Type<MRect>());
+        case TYPE_IMetadata:
+            return fn(Type2Type<IMetadata>());
+        default:
+            return fn(Type2Type<Memory>());
     }
 }
 
@@ -346,8 +357,8 @@ private:
                     using T = typename decltype(t)::Type;
                     // A basic append of nothing to an inline content is a fatal misuse; blobs
                     // and nested containers may be appended zero at a time.
-                    const size_t count = push ? (kIsBasic<T> ? 1 : 0) + (shape & 0x7F) % 4
-                                              : 1 + (shape & 0x7F) % 3;
+                    const size_t count =
+                        push ? (kIsBasic<T> ? 1 : 0) + (shape & 0x7F) % 4 : 1 + (shape & 0x7F) % 3;
                     auto v = readValues<T>(count);
                     const bool one = count == 1 && (shape & 0x80);
                     if (push && one) ent[e]->push_back(v.real[0], Type2Type<T>());
@@ -651,7 +662,8 @@ private:
         if constexpr (std::is_same<T, Memory>::value) {
             const Bytes want = match ? content.elems[i].bytes : Bytes();
             FUZZ_REQUIRE(value.size() == want.size());
-            if (!want.empty()) FUZZ_REQUIRE(std::memcmp(value.array(), want.data(), want.size()) == 0);
+            if (!want.empty())
+                FUZZ_REQUIRE(std::memcmp(value.array(), want.data(), want.size()) == 0);
         } else if constexpr (std::is_same<T, IMetadata>::value) {
             const MMetaP want = match ? content.elems[i].meta : nullptr;
             const auto storage = Inspect::storage(value);
@@ -660,7 +672,8 @@ private:
         } else {
             T expected{};
             if (match)
-                std::memcpy(static_cast<void*>(&expected), content.elems[i].bytes.data(), sizeof(T));
+                std::memcpy(static_cast<void*>(&expected), content.elems[i].bytes.data(),
+                            sizeof(T));
             FUZZ_REQUIRE(std::memcmp(&value, &expected, sizeof(T)) == 0);
         }
     }
@@ -678,7 +691,8 @@ private:
         }
         FUZZ_REQUIRE(m.flattenSize(tags, count) == static_cast<long>(want.size()));
         Bytes flat(want.size());
-        FUZZ_REQUIRE(m.flatten(flat.data(), flat.size(), tags, count) == static_cast<long>(flat.size()));
+        FUZZ_REQUIRE(m.flatten(flat.data(), flat.size(), tags, count) ==
+                     static_cast<long>(flat.size()));
         FUZZ_REQUIRE(flat == want);
         std::unique_ptr<uint8_t[]> shortBuf(new uint8_t[flat.size() - 1]);
         FUZZ_REQUIRE(m.flatten(shortBuf.get(), flat.size() - 1, tags, count) == -1);

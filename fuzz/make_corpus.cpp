@@ -426,7 +426,8 @@ std::vector<std::pair<std::string, Bytes>> scripts() {
         s.basic(1, tShares8, TYPE_INT32, 2, 5).op(kUpdate, {0, 1, 0xFF});
         s.basic(1, tLikeVendor8b, TYPE_UINT8, 1, 9).op(kUpdate, {0, 1, 0xFF});
         s.basic(1, tVendor8b, TYPE_UINT8, 1, 7).op(kUpdate, {0, 1, 0xFF});
-        s.op(kEntryFor, {0, tShares8b, 2}).op(kFlattenFilter, {0, 3, tShares8, tVendor8b, tShares8b});
+        s.op(kEntryFor, {0, tShares8b, 2})
+            .op(kFlattenFilter, {0, 3, tShares8, tVendor8b, tShares8b});
         s.op(kMerge, {1, 0}).basic(2, tShares8b, TYPE_FLOAT, 1, 3).op(kUpdate, {1, 2, 0xFF});
         s.op(kGetEntry, {1, tShares8, TYPE_FLOAT, 0}).op(kBurstRead, {0, tShares8b, TYPE_INT32});
         s.op(kSetEntry, {0, tShares8b, TYPE_UINT8, 4}).op(kTake, {0, tShares8, 2});
@@ -439,10 +440,15 @@ std::vector<std::pair<std::string, Bytes>> scripts() {
         for (uint8_t t = 0; t < 24; ++t) s.basic(0, t, TYPE_INT32, 1, t).op(kUpdate, {0, 0, 0xFF});
         s.op(kCopy, {1, 0}).op(kRemove, {1, tGains}).op(kRemove, {1, tFlashAvail});
         s.basic(2, tAeComp, TYPE_MRect, 2, 1).op(kUpdate, {1, 2, 0xFF}).op(kEntryData, {2});
-        s.op(kAssign, {2, 1}).op(kRemove, {2, tStrength}).op(kSetEntry, {2, tNoSection, 1, 1, 0, 0, 0});
+        s.op(kAssign, {2, 1})
+            .op(kRemove, {2, tStrength})
+            .op(kSetEntry, {2, tNoSection, 1, 1, 0, 0, 0});
         s.op(kSetEntry, {2, tFarGroup, 0, 2}).op(kTake, {0, tStrength, 1}).op(kTake, {0, tMode, 1});
         s.op(kFlattenRebuild, {0, 1}).op(kUnflattenInto, {1, 2}).op(kMerge, {0, 2});
-        s.op(kEntryReset, {1, tVendor10}).op(kEntryPush, {1, TYPE_Memory, 0}).op(kClear, {2}).op(kEntryClear, {0});
+        s.op(kEntryReset, {1, tVendor10})
+            .op(kEntryPush, {1, TYPE_Memory, 0})
+            .op(kClear, {2})
+            .op(kEntryClear, {0});
         s.op(kMerge, {2, 1}).op(kRemove, {2, tCharge}).op(kCheck, {});
         add("large_tables", s);
     }

@@ -89,10 +89,9 @@ TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::EAppendStage(2), &c, &r, &h), -1);
     u->destroy();
-    EXPECT_EQ(log.take(),
-              (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
-                                        "[3::appendCustomerMeta] Unknown append stage",
-                                        "[3::destroy] Not Implement"}));
+    EXPECT_EQ(log.take(), (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
+                                                    "[3::appendCustomerMeta] Unknown append stage",
+                                                    "[3::destroy] Not Implement"}));
     EXPECT_TRUE(c.isEmpty() && r.isEmpty() && h.isEmpty());
 }
 

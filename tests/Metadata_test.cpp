@@ -137,10 +137,15 @@ IMetadata wide(size_t n) {
     return m;
 }
 
+IMetadata oneRow() {
+    return with({{0x00010000, 1}});
+}
+
 // The sender refuses exactly what the receiver refuses, and says which limit; nothing on the
 // way (sizing, writing, dumping, destroying) recurses per level, so a small stack suffices.
 TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecursesPerLevel) {
-    const std::string deep = "containers nested deeper than 64 levels: a receiver would refuse the form";
+    const std::string deep =
+        "containers nested deeper than 64 levels: a receiver would refuse the form";
     const std::string many = "more than 8192 nested containers: a receiver would refuse the form";
     const std::vector<uint32_t> repeated(32768, 0x00010000);
     const struct {
@@ -153,8 +158,8 @@ TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecur
                  {"10000 levels", [] { return chain(10000); }, nullptr, deep},
                  {"8192 containers", [] { return wide(8192); }, nullptr, ""},
                  {"8193 containers", [] { return wide(8193); }, nullptr, many},
-                 {"32767 records", [] { return with({{0x00010000, 1}}); }, &repeated, ""},
-                 {"32768 records", [] { return with({{0x00010000, 1}}); }, &repeated,
+                 {"32767 records", oneRow, &repeated, ""},
+                 {"32768 records", oneRow, &repeated,
                   "more than 32767 records: a receiver would refuse the form"}};
     onSmallStack([&] {
         for (const auto& c : cases) {

@@ -10,9 +10,9 @@
 
 namespace zorcam_test {
 
-using ValueTypes = ::testing::Types<unsigned char, int, float, long, double, NSCam::MRational,
-                                    NSCam::MPoint, NSCam::MSize, NSCam::MRect, NSCam::IMetadata,
-                                    NSCam::IMetadata::Memory>;
+using ValueTypes =
+    ::testing::Types<unsigned char, int, float, long, double, NSCam::MRational, NSCam::MPoint,
+                     NSCam::MSize, NSCam::MRect, NSCam::IMetadata, NSCam::IMetadata::Memory>;
 
 // Value i (0 to 4) of T: every byte 17 * (i + 1) for the basic types (never a NaN), the first
 // i + 1 bytes of "abcdef" for a blob, a container holding i under tag 1.
