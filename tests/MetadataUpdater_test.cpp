@@ -5,22 +5,17 @@
 #include <gtest/gtest.h>
 
 #include "RecordingLogger.h"
+#include "Values.h"
 
 namespace {
 
 using namespace NSCam;
+using zorcam_test::entry;
 constexpr char kPropLevel[] = "vendor.camera.debug.metaUpdater";
 constexpr char kPropMfnr[] = "vendor.camera.debug.metaUpdater.appendMFNR";
 constexpr char kPropTuning[] = "vendor.camera.debug.metaUpdater.setHintForCustomTuning";
 constexpr uint32_t kIntent = 0x1000D, kMfnrHint = 0x80040000, kTuningHint = 0x800B0011;
 constexpr auto kDevice = IMetadataUpdater::APPEND_AT_DEVICE;
-
-template <typename T>
-IMetadata::IEntry entry(std::vector<T> values) {
-    IMetadata::IEntry e;
-    for (const T& v : values) e.push_back(v, Type2Type<T>());
-    return e;
-}
 
 class UpdaterTest : public zorcam_test::LoggerTest {
 protected:

@@ -1,12 +1,13 @@
 #pragma once
-// The eleven value types for typed tests, distinct values of each, and equality as the tests
-// need it: a nested container read back shares the storage that was stored.
+// The eleven value types for typed tests, distinct values of each, equality as the tests need
+// it (a nested container read back shares the storage that was stored), entries of values.
 #include <zorcam/metadata/IMetadata.h>
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
 namespace zorcam_test {
 
@@ -37,6 +38,14 @@ bool same(const T& a, const T& b) {
 }
 inline bool same(const NSCam::IMetadata& a, const NSCam::IMetadata& b) {
     return a.getStorageSP() == b.getStorageSP();
+}
+
+// An entry without a tag holding `values`, appended one at a time.
+template <typename T>
+NSCam::IMetadata::IEntry entry(const std::vector<T>& values) {
+    NSCam::IMetadata::IEntry e;
+    for (const T& v : values) e.push_back(v, NSCam::Type2Type<T>());
+    return e;
 }
 
 }  // namespace zorcam_test
