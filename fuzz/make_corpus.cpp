@@ -399,6 +399,9 @@ std::vector<std::pair<std::string, Bytes>> scripts() {
         s.op(kEntryRemoveAt, {0, 1}).op(kEntryAssign, {1, 0, 0}).op(kEntryRemoveAt, {0, 0});
         s.op(kEntryData, {1}).op(kEntryClear, {1}).op(kEntryClear, {0}).op(kEntryAssign, {2, 0, 1});
         s.op(kUpdate, {0, 2, tAeComp}).op(kCheck, {});
+        // one value kept in place, then four more: the array that takes them keeps the first
+        s.op(kEntryReset, {1, tFps}).op(kEntryPush, {1, TYPE_INT32, 0x80, 1, 0, 0, 0});
+        s.op(kEntryPush, {1, TYPE_INT32, 3}).raw(Bytes(16, 2)).op(kCheck, {});
         add("entry_edits", s);
     }
     {  // one-call typed access
