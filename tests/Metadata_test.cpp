@@ -1,4 +1,6 @@
-// IMetadata: lifecycle, storage copy-on-write, single entries, merge and the flat form.
+// IMetadata: what it reports, when a storage is marked shared, and the limits of the flat form a
+// sender keeps. (Copies, merges, entries and round trips are checked step by step by the
+// operations fuzz target, whose corpus runs under ctest.)
 #include <gmock/gmock.h>
 
 #include <pthread.h>
