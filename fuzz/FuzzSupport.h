@@ -50,13 +50,14 @@ private:
 };
 
 // Tags the operations target works with: real Android tags of the capture request, tags of
-// the vendor groups, and tags that fall outside the slot map (newer Android tags such as the
-// flash strength levels next to 0x50000, sections that do not exist). No two of them share a
-// slot, so the target's model can treat every tag as its own key.
+// the vendor groups, tags that fall outside the slot map (newer Android tags such as the
+// flash strength levels next to 0x50000, sections that do not exist), and tags of groups 1
+// to 8 that share a slot with another tag of the palette (0x10000000 and 0x30000000 with
+// 0x80000000) or would, were they inside the map (0x20010003 and 0x80010003).
 inline constexpr uint32_t kTags[32] = {
     0x00000000, 0x00000001, 0x00000002, 0x00010001, 0x00010005, 0x00010009, 0x0001002f, 0x00040001,
-    0x00040006, 0x0004000a, 0x00050000, 0x00050001, 0x00070000, 0x00070002, 0x00080002, 0x000c0013,
-    0x000d0000, 0x000e0000, 0x000f0000, 0x00110008, 0x00170000, 0x001a0003, 0x80000000, 0x80010003,
+    0x00040006, 0x0004000a, 0x00050000, 0x00050001, 0x00070000, 0x10000000, 0x00080002, 0x30000000,
+    0x000d0000, 0x000e0000, 0x000f0000, 0x00110008, 0x00170000, 0x20010003, 0x80000000, 0x80010003,
     0x90000000, 0x90010000, 0xa0000001, 0xd0010000, 0x00200000, 0x00240001, 0x9fff0000, 0xf00f0000};
 inline uint32_t tagAt(uint8_t b) {
     return kTags[b % 32];

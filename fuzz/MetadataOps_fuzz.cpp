@@ -2,13 +2,14 @@
 // the input and compares them after every step with a model that has plain value semantics.
 // Copy-on-write at the storage, content and blob levels must make the real objects behave
 // exactly like the model: a copy never sees a later write, a merge lays rows over rows, a
-// remove moves the last row into the hole, and a flat round trip gives back what went in.
+// remove moves the last row into the hole, tags of groups 1 to 8 that share a slot share a
+// row (which keeps the tag it was made with), and a flat round trip gives back what went in.
+// The model is compared through the flat form, which it writes by itself from the layout in
+// FlatForm.h, and through the tag index of every tag of the palette.
 #include <zorcam/metadata/IMetadata.h>
 #include <zorcam/metadata/MetadataCheck.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -17,19 +18,8 @@
 
 #include "Content.h"
 #include "FuzzSupport.h"
-
-namespace NSCam {
-// Reads the private pointers without the side effects of the public readers (which mark
-// storages shared and contents read-only, and so would steer the very paths under test).
-struct MetadataInspector {
-    static const std::shared_ptr<IMetadata::Storage>& storage(const IMetadata& m) {
-        return m.mStorage;
-    }
-    static const std::shared_ptr<IMetadata::Content>& content(const IMetadata::IEntry& e) {
-        return e.mContentPtr;
-    }
-};
-}  // namespace NSCam
+#include "ItemTable.h"
+#include "MetadataInspector.h"
 
 namespace {
 
@@ -40,17 +30,12 @@ using Storage = IMetadata::Storage;
 using IEntry = IMetadata::IEntry;
 using Memory = IMetadata::Memory;
 using Inspect = MetadataInspector;
+using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t kNoTag = 0xFFFFFFFFu;
-constexpr size_t kBasicSize[TYPE_MRect + 1] = {1, 4, 4, 8, 8, 8, 8, 8, 16};
 // Past this flat size the run stops: nesting a container into itself doubles it per step.
 constexpr size_t kMaxFlat = 64 * 1024;
 constexpr int kMaxOps = 256;
-constexpr int kMaxDepth = 64;  // nested records the decoder accepts
-
-// ZORCAM_OPS_TRACE=1 prints each operation, the row counts and the entries after it: handy
-// when replaying a crash.
-const bool gTrace = std::getenv("ZORCAM_OPS_TRACE") != nullptr;
 
 //------------------------------------------------------------------------------------------
 // The model.
@@ -59,8 +44,8 @@ struct MMeta;
 using MMetaP = std::shared_ptr<const MMeta>;
 
 struct MElem {
-    std::vector<uint8_t> bytes;  // a basic value or a blob
-    MMetaP meta;                 // a nested container; null for an empty slot
+    Bytes bytes;  // a basic value or a blob
+    MMetaP meta;  // a nested container; null for an empty slot
 };
 
 struct MContent {
@@ -77,8 +62,7 @@ using MRows = std::vector<MRow>;
 // A container value as it was when it was nested: never changed afterwards.
 struct MMeta {
     MRows rows;
-    size_t flat;
-    int depth;
+    int depth;  // nested records on the way down, as the decoder counts them
 };
 
 struct MContainer {
@@ -92,53 +76,36 @@ struct MEntry {
     bool readOnly = false;
 };
 
-size_t contentFlat(const MContent& c) {
-    size_t n = 12;
-    if (c.elems.empty()) return n;
-    for (const MElem& e : c.elems) {
-        if (c.type == TYPE_IMetadata)
-            n += 4 + (e.meta ? e.meta->flat : 0);
-        else if (c.type == TYPE_Memory)
-            n += 4 + e.bytes.size();
-        else
-            n += e.bytes.size();
-    }
-    return n;
-}
-
-// Nested records on the way down from this content (the decoder counts them).
-int contentDepth(const MContent& c) {
-    if (c.type != TYPE_IMetadata || c.elems.empty()) return 0;
+int depthOf(const MRows& rows) {
     int deepest = 0;
-    for (const MElem& e : c.elems)
-        if (e.meta) deepest = std::max(deepest, e.meta->depth);
-    return 1 + deepest;
-}
-
-size_t rowsFlat(const MRows& rows) {
-    size_t n = 8;
-    for (const MRow& r : rows) n += 8 + (r.content ? contentFlat(*r.content) : 0);
-    return n;
-}
-
-int rowsDepth(const MRows& rows) {
-    int d = 0;
-    for (const MRow& r : rows)
-        if (r.content) d = std::max(d, contentDepth(*r.content));
-    return d;
+    for (const MRow& r : rows) {
+        if (!r.content || r.content->type != TYPE_IMetadata || r.content->elems.empty()) continue;
+        int d = 1;
+        for (const MElem& e : r.content->elems)
+            if (e.meta) d = std::max(d, 1 + e.meta->depth);
+        deepest = std::max(deepest, d);
+    }
+    return deepest;
 }
 
 MMetaP snapshot(const MContainer& c) {
     if (!c.hasStorage) return nullptr;
-    return std::make_shared<const MMeta>(MMeta{c.rows, rowsFlat(c.rows), rowsDepth(c.rows)});
+    return std::make_shared<const MMeta>(MMeta{c.rows, depthOf(c.rows)});
+}
+
+// Tags of groups 1 to 8 with the same section and index share one slot, and so one row.
+uint64_t keyOf(uint32_t tag) {
+    const uint32_t slot = slotmap::slotOf(tag);
+    return slot == slotmap::kNone ? tag : (uint64_t{1} << 32) | slot;
 }
 
 int findRow(const MRows& rows, uint32_t tag) {
     for (size_t i = 0; i < rows.size(); ++i)
-        if (rows[i].tag == tag) return static_cast<int>(i);
+        if (keyOf(rows[i].tag) == keyOf(tag)) return static_cast<int>(i);
     return -1;
 }
 
+// A row found through a slot sharer keeps its own tag and takes the new values.
 void upsert(MRows& rows, uint32_t tag, const std::optional<MContent>& content) {
     const int at = findRow(rows, tag);
     if (at >= 0)
@@ -155,102 +122,98 @@ void removeRow(MRows& rows, size_t at) {
 
 // Content::update in the model: index -1 appends (the first append fixes the type), any
 // other index overwrites elements that exist.
-bool modelUpdate(MContent& c, int32_t index, int32_t type, const std::vector<MElem>& elems) {
+void modelUpdate(MContent& c, int32_t index, int32_t type, const std::vector<MElem>& elems) {
     if (index == -1) {
         if (c.elems.empty()) c.type = type;
-        if (c.type != type) return false;
-        c.elems.insert(c.elems.end(), elems.begin(), elems.end());
-        return true;
+        if (c.type == type) c.elems.insert(c.elems.end(), elems.begin(), elems.end());
+        return;
     }
-    if (index < 0 || static_cast<uint64_t>(index) + elems.size() > c.elems.size()) return false;
-    if (c.type != type) return false;
-    std::copy(elems.begin(), elems.end(), c.elems.begin() + index);
-    return true;
+    if (index < 0 || static_cast<uint64_t>(index) + elems.size() > c.elems.size()) return;
+    if (c.type == type) std::copy(elems.begin(), elems.end(), c.elems.begin() + index);
 }
 
 //------------------------------------------------------------------------------------------
-// Comparing the real objects with the model, without side effects.
+// The flat form of the model, written from the documented layout alone.
 
-bool sameStorage(const Storage& s, const MRows& rows);
+void put32(Bytes& b, uint32_t v) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&v);
+    b.insert(b.end(), p, p + 4);
+}
 
-bool sameContent(const Content& c, const MContent& m) {
-    if (c.mType != m.type || c.mCount != static_cast<int32_t>(m.elems.size())) return false;
-    const size_t count = m.elems.size();
-    if (count == 0) return true;
-    if (m.type == TYPE_Memory) {
-        if (!c.mMemSP || c.mMemSP->size() != count) return false;
-        for (size_t i = 0; i < count; ++i) {
-            const Memory& mem = (*c.mMemSP)[i];
-            size_t n = 0;
-            const uint8_t* p = mem.array(n);
-            if (n != m.elems[i].bytes.size()) return false;
-            if (n && std::memcmp(p, m.elems[i].bytes.data(), n) != 0) return false;
-        }
-        return true;
+Bytes encode(const MRows& rows);
+
+void encodeContent(Bytes& b, const MContent& c) {
+    put32(b, flat::kContentPattern);
+    put32(b, static_cast<uint32_t>(c.type));
+    put32(b, static_cast<uint32_t>(c.elems.size()));
+    for (const MElem& e : c.elems) {
+        const Bytes nested = c.type == TYPE_IMetadata && e.meta ? encode(e.meta->rows) : Bytes();
+        const Bytes& payload = c.type == TYPE_IMetadata ? nested : e.bytes;
+        if (c.type == TYPE_IMetadata || c.type == TYPE_Memory)
+            put32(b, static_cast<uint32_t>(payload.size()));
+        b.insert(b.end(), payload.begin(), payload.end());
     }
-    if (m.type == TYPE_IMetadata) {
-        if (!c.mMetaSP || c.mMetaSP->size() != count) return false;
-        for (size_t i = 0; i < count; ++i) {
-            const auto& slot = (*c.mMetaSP)[i];
-            const MMetaP& want = m.elems[i].meta;
-            if (!slot != !want) return false;
-            if (slot && !sameStorage(*slot, want->rows)) return false;
-        }
-        return true;
+}
+
+Bytes encode(const MRows& rows) {
+    Bytes b;
+    put32(b, flat::kStorageMagic);
+    put32(b, static_cast<uint32_t>(rows.size()));
+    for (const MRow& r : rows) {
+        put32(b, r.tag);
+        Bytes c;
+        if (r.content) encodeContent(c, *r.content);
+        put32(b, static_cast<uint32_t>(c.size()));
+        b.insert(b.end(), c.begin(), c.end());
     }
-    const size_t e = kBasicSize[m.type];
-    const uint8_t* bytes = c.mInlineData;
-    if (c.mBasicDataSP) {
-        if (c.mBasicDataSP->size() != e * count) return false;
-        bytes = c.mBasicDataSP->data();
-    } else if (count != 1) {
+    return b;
+}
+
+//------------------------------------------------------------------------------------------
+// Comparing the real objects with the model, through their own flat writers: no public
+// reader is called, as those mark storages shared and contents read-only.
+
+template <typename Writer>
+Bytes written(size_t size, Writer&& write) {
+    Bytes b(size + 1);
+    const long n = write(b.data(), b.size());
+    b.resize(n < 0 ? 0 : static_cast<size_t>(n));  // refused: never the model's bytes
+    return b;
+}
+
+// The rows, their values and order, and the index of every tag of the palette.
+bool sameStorage(const Storage& s, const MRows& rows) {
+    const Bytes want = encode(rows);
+    if (depthOf(rows) <= flat::kMaxNestingDepth) {  // deeper forms are refused by flatten
+        if (written(want.size(), [&](void* p, size_t n) { return s.flatten(p, n, nullptr, -1); }) !=
+            want)
+            return false;
+    } else if (s.size() != rows.size()) {
         return false;
     }
-    for (size_t i = 0; i < count; ++i)
-        if (std::memcmp(bytes + i * e, m.elems[i].bytes.data(), e) != 0) return false;
-    return true;
-}
-
-bool sameStorage(const Storage& s, const MRows& rows) {
-    const auto& table = s.mItemTable;
-    if (table.size() != rows.size()) return false;
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const auto& item = table.at(i);
-        if (item.tag != rows[i].tag) return false;
-        if (!item.content != !rows[i].content) return false;
-        if (item.content && !sameContent(*item.content, *rows[i].content)) return false;
-        // Every row is found through its slot (or the side index) at its position.
-        if (table.getIndexByTag(item.tag) != i) return false;
+    for (uint32_t tag : kTags) {
+        const int at = findRow(rows, tag);
+        const uint16_t row = s.mItemTable.getIndexByTag(tag);
+        if (row != (at < 0 ? Storage::ItemTable::kNoRow : static_cast<uint16_t>(at))) return false;
     }
-    return true;
-}
-
-// Tags of the palette without a row are not found either.
-bool noStrayTags(const Storage& s, const MRows& rows) {
-    for (uint32_t tag : kTags)
-        if (findRow(rows, tag) < 0 && s.mItemTable.getIndexByTag(tag) != Storage::ItemTable::kNoRow)
-            return false;
     return true;
 }
 
 bool sameContainer(const IMetadata& meta, const MContainer& m) {
-    const auto& storage = Inspect::storage(meta);
+    const auto storage = Inspect::storage(meta);
     if (!storage != !m.hasStorage) return false;
-    return !storage || (sameStorage(*storage, m.rows) && noStrayTags(*storage, m.rows));
+    return !storage || sameStorage(*storage, m.rows);
 }
 
 bool sameEntry(const IEntry& entry, const MEntry& m) {
-    const auto& content = Inspect::content(entry);
-    if (gTrace)
-        std::fprintf(stderr, "  entry tag %x/%x content %d/%d ro %d/%d type %d/%d count %d/%zu\n",
-                     entry.tag(), m.tag, !!content, m.content.has_value(),
-                     content ? content->isReadOnly() : -1, m.readOnly,
-                     content ? content->mType : -2, m.content ? m.content->type : -2,
-                     content ? content->mCount : -2, m.content ? m.content->elems.size() : 0);
-    if (entry.tag() != m.tag) return false;
-    if (!content != !m.content) return false;
+    const auto content = Inspect::content(entry);
+    if (entry.tag() != m.tag || !content != !m.content) return false;
     if (!content) return true;
-    return content->isReadOnly() == m.readOnly && sameContent(*content, *m.content);
+    if (content->isReadOnly() != m.readOnly) return false;
+    Bytes want;
+    encodeContent(want, *m.content);
+    if (depthOf({MRow{0, m.content}}) > flat::kMaxNestingDepth) return true;
+    return written(want.size(), [&](void* p, size_t n) { return content->flatten(p, n); }) == want;
 }
 
 //------------------------------------------------------------------------------------------
@@ -260,43 +223,32 @@ template <typename Fn>
 void withType(int32_t type, Fn&& fn) {
     switch (type) {
         case TYPE_UINT8:
-            fn(Type2Type<unsigned char>());
-            break;
+            return fn(Type2Type<unsigned char>());
         case TYPE_INT32:
-            fn(Type2Type<int>());
-            break;
+            return fn(Type2Type<int>());
         case TYPE_FLOAT:
-            fn(Type2Type<float>());
-            break;
+            return fn(Type2Type<float>());
         case TYPE_INT64:
-            fn(Type2Type<long>());
-            break;
+            return fn(Type2Type<long>());
         case TYPE_DOUBLE:
-            fn(Type2Type<double>());
-            break;
+            return fn(Type2Type<double>());
         case TYPE_MRational:
-            fn(Type2Type<MRational>());
-            break;
+            return fn(Type2Type<MRational>());
         case TYPE_MPoint:
-            fn(Type2Type<MPoint>());
-            break;
+            return fn(Type2Type<MPoint>());
         case TYPE_MSize:
-            fn(Type2Type<MSize>());
-            break;
+            return fn(Type2Type<MSize>());
         case TYPE_MRect:
-            fn(Type2Type<MRect>());
-            break;
+            return fn(Type2Type<MRect>());
         case TYPE_IMetadata:
-            fn(Type2Type<IMetadata>());
-            break;
+            return fn(Type2Type<IMetadata>());
         default:
-            fn(Type2Type<Memory>());
-            break;
+            return fn(Type2Type<Memory>());
     }
 }
 
 template <typename T>
-constexpr bool kIsBasic = !std::is_same<T, IMetadata>::value && !std::is_same<T, Memory>::value;
+constexpr bool kIsBasic = kTypeFacts[TypeCode<T>::value].basic;
 
 //------------------------------------------------------------------------------------------
 // The run.
@@ -310,12 +262,7 @@ public:
 
     void go() {
         for (int step = 0; step < kMaxOps && !in.empty(); ++step) {
-            const uint8_t op = in.u8() % kOpCount;
-            apply(op);
-            if (gTrace)
-                std::fprintf(stderr, "op %2d: rows %zu %zu %zu, flat %zu %zu %zu\n", op,
-                             mm[0].rows.size(), mm[1].rows.size(), mm[2].rows.size(),
-                             rowsFlat(mm[0].rows), rowsFlat(mm[1].rows), rowsFlat(mm[2].rows));
+            apply(in.u8() % kOpCount);
             for (unsigned i = 0; i < kContainers; ++i) FUZZ_REQUIRE(sameContainer(*meta[i], mm[i]));
             for (unsigned i = 0; i < kEntries; ++i) FUZZ_REQUIRE(sameEntry(*ent[i], me[i]));
             if (tooLarge()) return;
@@ -329,9 +276,9 @@ private:
 
     bool tooLarge() const {
         for (const auto& m : mm)
-            if (rowsFlat(m.rows) > kMaxFlat) return true;
+            if (encode(m.rows).size() > kMaxFlat) return true;
         for (const auto& e : me)
-            if (e.content && contentFlat(*e.content) > kMaxFlat) return true;
+            if (e.content && encode({MRow{0, e.content}}).size() > kMaxFlat) return true;
         return false;
     }
 
@@ -345,36 +292,32 @@ private:
     template <typename T>
     Values<T> readValues(size_t count) {
         Values<T> v;
-        v.real.reserve(count);
         for (size_t i = 0; i < count; ++i) {
             MElem elem;
             if constexpr (std::is_same<T, Memory>::value) {
                 // Length in the low six bits; bit 7 asks for no buffer at all.
                 const uint8_t shape = in.u8();
-                std::vector<uint8_t> bytes(shape & 0x3F);
-                in.bytes(bytes.data(), bytes.size());
+                elem.bytes.resize(shape & 0x3F);
+                in.bytes(elem.bytes.data(), elem.bytes.size());
                 // An empty blob, with a buffer or without one, flattens the same.
-                if (bytes.empty() && (shape & 0x80))
+                if (elem.bytes.empty() && (shape & 0x80))
                     v.real.emplace_back();
                 else
-                    v.real.emplace_back(bytes.data(), bytes.size());
-                elem.bytes = bytes;
+                    v.real.emplace_back(elem.bytes.data(), elem.bytes.size());
             } else if constexpr (std::is_same<T, IMetadata>::value) {
                 const uint8_t which = in.u8();
                 if (which % 4 == 3) {
                     v.real.emplace_back();  // a container without storage: an empty slot
                 } else {
-                    const unsigned m = which % kContainers;
-                    v.real.emplace_back(*meta[m]);
-                    elem.meta = snapshot(mm[m]);
+                    v.real.emplace_back(*meta[which % kContainers]);
+                    elem.meta = snapshot(mm[which % kContainers]);
                 }
             } else {
                 T value;
-                std::vector<uint8_t> bytes(sizeof(T));
-                in.bytes(bytes.data(), bytes.size());
-                std::memcpy(static_cast<void*>(&value), bytes.data(), sizeof(T));
+                elem.bytes.resize(sizeof(T));
+                in.bytes(elem.bytes.data(), sizeof(T));
+                std::memcpy(static_cast<void*>(&value), elem.bytes.data(), sizeof(T));
                 v.real.push_back(value);
-                elem.bytes = bytes;
             }
             v.model.push_back(std::move(elem));
         }
@@ -387,6 +330,12 @@ private:
         e.readOnly = false;
     }
 
+    // The row of `tag` in container m, or null.
+    const MRow* rowOf(unsigned m, uint32_t tag) const {
+        const int at = mm[m].hasStorage ? findRow(mm[m].rows, tag) : -1;
+        return at < 0 ? nullptr : &mm[m].rows[static_cast<size_t>(at)];
+    }
+
     void apply(uint8_t op) {
         switch (op) {
             case kEntryReset: {
@@ -396,38 +345,26 @@ private:
                 me[e] = MEntry{tag, std::nullopt, false};
                 break;
             }
-            case kEntryPush: {
+            case kEntryPush:
+            case kEntryReplace: {
+                const bool push = op == kEntryPush;
                 const unsigned e = pickE();
                 const int32_t type = in.u8() % NUM_MTYPE;
+                const uint8_t at = push ? 0xFF : in.u8();
+                const uint32_t index = at == 0xFF ? kNoTag : at == 0xFE ? 0x80000000u : at % 6;
                 const uint8_t shape = in.u8();
                 withType(type, [&](auto t) {
                     using T = typename decltype(t)::Type;
                     // A basic append of nothing to an inline content is a fatal misuse; blobs
                     // and nested containers may be appended zero at a time.
-                    const size_t count = kIsBasic<T> ? 1 + (shape & 0x7F) % 4 : (shape & 0x7F) % 4;
+                    const size_t count =
+                        push ? (kIsBasic<T> ? 1 : 0) + (shape & 0x7F) % 4 : 1 + (shape & 0x7F) % 3;
                     auto v = readValues<T>(count);
-                    if (count == 1 && (shape & 0x80))
-                        ent[e]->push_back(v.real[0], Type2Type<T>());
-                    else
-                        ent[e]->push_back(v.real.data(), count, Type2Type<T>());
-                    makeWritable(me[e]);
-                    modelUpdate(*me[e].content, -1, type, v.model);
-                });
-                break;
-            }
-            case kEntryReplace: {
-                const unsigned e = pickE();
-                const int32_t type = in.u8() % NUM_MTYPE;
-                const uint8_t at = in.u8();
-                const uint32_t index = at == 0xFF ? 0xFFFFFFFFu : at == 0xFE ? 0x80000000u : at % 6;
-                const uint8_t shape = in.u8();
-                withType(type, [&](auto t) {
-                    using T = typename decltype(t)::Type;
-                    const size_t count = 1 + (shape & 0x7F) % 3;
-                    auto v = readValues<T>(count);
-                    if (count == 1 && (shape & 0x80))
-                        ent[e]->replaceItemAt(index, v.real[0], Type2Type<T>());
-                    else
+                    const bool one = count == 1 && (shape & 0x80);
+                    if (push && one) ent[e]->push_back(v.real[0], Type2Type<T>());
+                    if (push && !one) ent[e]->push_back(v.real.data(), count, Type2Type<T>());
+                    if (!push && one) ent[e]->replaceItemAt(index, v.real[0], Type2Type<T>());
+                    if (!push && !one)
                         ent[e]->replaceItemAt(index, v.real.data(), count, Type2Type<T>());
                     makeWritable(me[e]);
                     modelUpdate(*me[e].content, static_cast<int32_t>(index), type, v.model);
@@ -437,7 +374,7 @@ private:
             case kEntryRemoveAt: {
                 const unsigned e = pickE();
                 const uint8_t at = in.u8();
-                const uint32_t index = at == 0xFF ? 0xFFFFFFFFu : at % 6;
+                const uint32_t index = at == 0xFF ? kNoTag : at % 6;
                 const int32_t got = ent[e]->removeAt(index);
                 MEntry& m = me[e];
                 int32_t want = -1;
@@ -446,10 +383,8 @@ private:
                     auto& elems = m.content->elems;
                     if (index < elems.size()) {
                         want = 0;
-                        if (elems.size() == 1)
-                            m.content = MContent{};
-                        else
-                            elems.erase(elems.begin() + index);
+                        elems.erase(elems.begin() + index);
+                        if (elems.empty()) m.content = MContent{};  // the type goes too
                     }
                 }
                 FUZZ_REQUIRE(got == want);
@@ -459,14 +394,9 @@ private:
                 const unsigned e = pickE();
                 ent[e]->clear();
                 MEntry& m = me[e];
-                if (m.content) {
-                    // A shared content is let go; a private one is emptied in place.
-                    if (m.readOnly)
-                        m.content.reset();
-                    else
-                        m.content = MContent{};
-                    m.readOnly = false;
-                }
+                // A shared content is let go; a private one is emptied in place.
+                if (m.content) m.content = m.readOnly ? std::nullopt : std::optional(MContent{});
+                m.readOnly = false;
                 break;
             }
             case kEntryAssign: {
@@ -486,13 +416,13 @@ private:
             case kEntryData: {
                 const unsigned e = pickE();
                 const void* p = ent[e]->data();
-                const MEntry& m = me[e];
-                if (m.content) me[e].readOnly = true;
+                MEntry& m = me[e];
+                if (m.content) m.readOnly = true;
                 const bool basic = m.content && m.content->type >= 0 &&
-                                   m.content->type <= TYPE_MRect && !m.content->elems.empty();
+                                   kTypeFacts[m.content->type].basic && !m.content->elems.empty();
                 FUZZ_REQUIRE((p != nullptr) == basic);
                 if (basic) {
-                    const auto& first = m.content->elems[0].bytes;
+                    const Bytes& first = m.content->elems[0].bytes;
                     FUZZ_REQUIRE(std::memcmp(p, first.data(), first.size()) == 0);
                 }
                 break;
@@ -512,9 +442,8 @@ private:
                     upsert(mm[m].rows, em.tag, em.content);
                 } else {
                     // A tag other than the entry's is only reported: the row goes under `tag`.
-                    const uint32_t tag = tagAt(t);
-                    FUZZ_REQUIRE(meta[m]->update(tag, *ent[e]) == 0);
-                    upsert(mm[m].rows, tag, em.content);
+                    FUZZ_REQUIRE(meta[m]->update(tagAt(t), *ent[e]) == 0);
+                    upsert(mm[m].rows, tagAt(t), em.content);
                 }
                 // The stored values are shared with the table from now on.
                 if (em.content) em.readOnly = true;
@@ -538,15 +467,10 @@ private:
                 const unsigned e = pickE();
                 const bool take = op == kTake;
                 *ent[e] = take ? meta[m]->takeEntryFor(tag) : meta[m]->entryFor(tag);
-                MContainer& c = mm[m];
-                const int at = c.hasStorage ? findRow(c.rows, tag) : -1;
-                if (at < 0) {
-                    me[e] = MEntry{};
-                    break;
-                }
-                const auto& content = c.rows[static_cast<size_t>(at)].content;
-                me[e] = MEntry{tag, content, content.has_value()};
-                if (take) removeRow(c.rows, static_cast<size_t>(at));
+                const MRow* row = rowOf(m, tag);
+                // The entry carries the tag asked for, also when a slot sharer's row answered.
+                me[e] = row ? MEntry{tag, row->content, row->content.has_value()} : MEntry{};
+                if (row && take) removeRow(mm[m].rows, static_cast<size_t>(row - &mm[m].rows[0]));
                 break;
             }
             case kEntryAt: {
@@ -555,25 +479,18 @@ private:
                 const unsigned e = pickE();
                 *ent[e] = meta[m]->entryAt(index);
                 const MContainer& c = mm[m];
-                if (!c.hasStorage || index >= c.rows.size()) {
-                    me[e] = MEntry{};
-                } else {
-                    const MRow& row = c.rows[index];
-                    me[e] = MEntry{row.tag, row.content, row.content.has_value()};
-                }
+                const MRow* row = c.hasStorage && index < c.rows.size() ? &c.rows[index] : nullptr;
+                me[e] = row ? MEntry{row->tag, row->content, row->content.has_value()} : MEntry{};
                 break;
             }
-            case kCopy: {
-                const unsigned m = pickM();
-                const unsigned src = pickM();
-                meta[m] = std::make_unique<IMetadata>(*meta[src]);
-                mm[m] = mm[src];
-                break;
-            }
+            case kCopy:
             case kAssign: {
                 const unsigned m = pickM();
                 const unsigned src = pickM();
-                *meta[m] = *meta[src];
+                if (op == kCopy)
+                    meta[m] = std::make_unique<IMetadata>(*meta[src]);
+                else
+                    *meta[m] = *meta[src];
                 mm[m] = mm[src];
                 break;
             }
@@ -602,8 +519,8 @@ private:
                 const unsigned m = pickM();
                 const bool keep = in.u8() & 1;
                 mm[m].hasStorage = true;
-                std::vector<uint8_t> flat = flatten(*meta[m], nullptr, 0, mm[m].rows);
-                auto rebuilt = rebuild(flat, mm[m].rows, rowsDepth(mm[m].rows));
+                const Bytes flat = flatten(*meta[m], nullptr, 0, mm[m].rows);
+                auto rebuilt = rebuild(flat, mm[m].rows, depthOf(mm[m].rows));
                 if (keep && rebuilt) meta[m] = std::move(rebuilt);
                 break;
             }
@@ -614,28 +531,27 @@ private:
                 for (unsigned i = 0; i < n; ++i) tags[i] = tagAt(in.u8());
                 MContainer& c = mm[m];
                 c.hasStorage = true;
-                // The listed rows in list order, a repeated tag written twice.
+                // The listed rows in list order, each under the tag listed, a repeated tag
+                // written twice.
                 MRows selected;
-                for (unsigned i = 0; i < n; ++i) {
-                    const uint32_t tag = tags[i];
-                    const int at = findRow(c.rows, tag);
-                    if (at >= 0) selected.push_back(c.rows[static_cast<size_t>(at)]);
-                }
-                std::vector<uint8_t> flat = flatten(*meta[m], tags, n, selected);
+                for (unsigned i = 0; i < n; ++i)
+                    if (const MRow* row = rowOf(m, tags[i]))
+                        selected.push_back(MRow{tags[i], row->content});
+                const Bytes flat = flatten(*meta[m], tags, n, selected);
                 // Read back, a repeated tag leaves one row holding the later record (the
                 // earlier one is decoded all the same, and counts for the nesting limit).
                 MRows back;
                 for (const MRow& r : selected) upsert(back, r.tag, r.content);
-                rebuild(flat, back, rowsDepth(selected));
+                rebuild(flat, back, depthOf(selected));
                 break;
             }
             case kUnflattenInto: {
                 const unsigned m = pickM();
                 const unsigned src = pickM();
                 mm[src].hasStorage = true;
-                std::vector<uint8_t> flat = flatten(*meta[src], nullptr, 0, mm[src].rows);
-                if (rowsDepth(mm[src].rows) > kMaxDepth) break;  // refused half way
-                FUZZ_REQUIRE(meta[m]->unflatten(flat.data(), flat.size()) ==
+                const Bytes flat = flatten(*meta[src], nullptr, 0, mm[src].rows);
+                if (depthOf(mm[src].rows) > flat::kMaxNestingDepth) break;  // refused
+                FUZZ_REQUIRE(meta[m]->unflatten(const_cast<uint8_t*>(flat.data()), flat.size()) ==
                              static_cast<long>(flat.size()));
                 mm[m] = MContainer{true, mm[src].rows};
                 break;
@@ -645,7 +561,7 @@ private:
                 const uint32_t tag = tagAt(in.u8());
                 const int32_t type = in.u8() % NUM_MTYPE;
                 const uint8_t shape = in.u8();
-                const uint32_t index = (shape & 0x40) ? 0 : 0xFFFFFFFFu;
+                const uint32_t index = (shape & 0x40) ? 0 : kNoTag;
                 withType(type, [&](auto t) {
                     using T = typename decltype(t)::Type;
                     const bool single = shape & 0x80;
@@ -657,15 +573,10 @@ private:
                         else
                             s.writeEntries<T>(tag, v.real.data(), count, index);
                     });
-                    MContainer& c = mm[m];
-                    c.hasStorage = true;
-                    if (count == 0) {
-                        upsert(c.rows, tag, std::nullopt);  // no values: a row without content
-                        return;
-                    }
-                    MContent content;
-                    modelUpdate(content, static_cast<int32_t>(index), type, v.model);
-                    upsert(c.rows, tag, content);
+                    mm[m].hasStorage = true;
+                    std::optional<MContent> content;  // no values: a row without content
+                    if (count != 0) modelUpdate(content.emplace(), index, type, v.model);
+                    upsert(mm[m].rows, tag, content);
                 });
                 break;
             }
@@ -675,16 +586,14 @@ private:
                 const int32_t type = in.u8() % NUM_MTYPE;
                 withType(type, [&](auto t) {
                     using T = typename decltype(t)::Type;
-                    MContent content;
+                    MContent content{type, {}};
                     if constexpr (std::is_same<T, IMetadata>::value) {
                         // A container may be set into itself: it nests what it held before.
                         const unsigned src = pickM();
-                        content.type = TYPE_IMetadata;
                         content.elems.push_back(MElem{{}, snapshot(mm[src])});
                         FUZZ_REQUIRE(IMetadata::setEntry<T>(meta[m].get(), tag, *meta[src]) == 0);
                     } else {
                         auto v = readValues<T>(1);
-                        content.type = type;
                         content.elems = v.model;
                         FUZZ_REQUIRE(IMetadata::setEntry<T>(meta[m].get(), tag, v.real[0]) == 0);
                     }
@@ -702,11 +611,8 @@ private:
                     using T = typename decltype(t)::Type;
                     T value{};
                     const bool got = IMetadata::getEntry<T>(meta[m].get(), tag, value, index);
-                    const MContainer& c = mm[m];
-                    const int at = c.hasStorage ? findRow(c.rows, tag) : -1;
-                    const MContent* content = at >= 0 && c.rows[static_cast<size_t>(at)].content
-                                                  ? &*c.rows[static_cast<size_t>(at)].content
-                                                  : nullptr;
+                    const MRow* row = rowOf(m, tag);
+                    const MContent* content = row && row->content ? &*row->content : nullptr;
                     const bool want = content && index < content->elems.size();
                     FUZZ_REQUIRE(got == want);
                     if (want) requireValue(value, *content, type, index);
@@ -722,21 +628,15 @@ private:
                     std::vector<T> values(2);
                     const int got = meta[m]->burstRead(
                         [&](const Storage& s) { return s.readEntries<T>(tag, values); });
-                    const MContainer& c = mm[m];
-                    if (!c.hasStorage) {
-                        FUZZ_REQUIRE(got == -1 && values.size() == 2);
-                        return;
-                    }
-                    const int at = findRow(c.rows, tag);
-                    FUZZ_REQUIRE(got == (at >= 0 ? 0 : -1));
-                    if (at < 0 || !c.rows[static_cast<size_t>(at)].content) {
+                    const MRow* row = rowOf(m, tag);
+                    FUZZ_REQUIRE(got == (row ? 0 : -1));
+                    if (!row || !row->content) {
                         FUZZ_REQUIRE(values.size() == 2);  // untouched
                         return;
                     }
-                    const MContent& content = *c.rows[static_cast<size_t>(at)].content;
-                    FUZZ_REQUIRE(values.size() == content.elems.size());
+                    FUZZ_REQUIRE(values.size() == row->content->elems.size());
                     for (size_t i = 0; i < values.size(); ++i)
-                        requireValue(values[i], content, type, i);
+                        requireValue(values[i], *row->content, type, i);
                 });
                 break;
             }
@@ -760,12 +660,13 @@ private:
     static void requireValue(const T& value, const MContent& content, int32_t type, size_t i) {
         const bool match = content.type == type;
         if constexpr (std::is_same<T, Memory>::value) {
-            const size_t n = match ? content.elems[i].bytes.size() : 0;
-            FUZZ_REQUIRE(value.size() == n);
-            if (n) FUZZ_REQUIRE(std::memcmp(value.array(), content.elems[i].bytes.data(), n) == 0);
+            const Bytes want = match ? content.elems[i].bytes : Bytes();
+            FUZZ_REQUIRE(value.size() == want.size());
+            if (!want.empty())
+                FUZZ_REQUIRE(std::memcmp(value.array(), want.data(), want.size()) == 0);
         } else if constexpr (std::is_same<T, IMetadata>::value) {
             const MMetaP want = match ? content.elems[i].meta : nullptr;
-            const auto& storage = Inspect::storage(value);
+            const auto storage = Inspect::storage(value);
             FUZZ_REQUIRE(!storage == !want);
             if (storage) FUZZ_REQUIRE(sameStorage(*storage, want->rows));
         } else {
@@ -777,61 +678,60 @@ private:
         }
     }
 
-    // Flattens with the given selection and checks the sizes against the model; also that
-    // a buffer one byte short is refused without a byte written past it.
-    std::vector<uint8_t> flatten(const IMetadata& m, const uint32_t* tags, long n,
-                                 const MRows& selected) {
-        const size_t size = rowsFlat(selected);
+    // Flattens with the given selection: the model's bytes, also for the size asked first,
+    // and a buffer one byte short is refused. A form nested too deep is refused by both.
+    Bytes flatten(const IMetadata& m, const uint32_t* tags, long n, const MRows& selected) {
+        const Bytes want = encode(selected);
         const long count = tags ? n : -1;
-        FUZZ_REQUIRE(m.flattenSize(tags, count) == static_cast<long>(size));
-        std::vector<uint8_t> flat(size);
-        FUZZ_REQUIRE(m.flatten(flat.data(), size, tags, count) == static_cast<long>(size));
-        std::unique_ptr<uint8_t[]> shortBuf(new uint8_t[size - 1]);
-        FUZZ_REQUIRE(m.flatten(shortBuf.get(), size - 1, tags, count) == -1);
+        if (depthOf(selected) > flat::kMaxNestingDepth) {
+            Bytes none(want.size());
+            FUZZ_REQUIRE(m.flattenSize(tags, count) == -1 &&
+                         m.flatten(none.data(), none.size(), tags, count) == -1);
+            return want;
+        }
+        FUZZ_REQUIRE(m.flattenSize(tags, count) == static_cast<long>(want.size()));
+        Bytes flat(want.size());
+        FUZZ_REQUIRE(m.flatten(flat.data(), flat.size(), tags, count) ==
+                     static_cast<long>(flat.size()));
+        FUZZ_REQUIRE(flat == want);
+        std::unique_ptr<uint8_t[]> shortBuf(new uint8_t[flat.size() - 1]);
+        FUZZ_REQUIRE(m.flatten(shortBuf.get(), flat.size() - 1, tags, count) == -1);
         return flat;
     }
 
-    // Rebuilds from a flat form the library wrote: refused only when nested too deep.
-    std::unique_ptr<IMetadata> rebuild(const std::vector<uint8_t>& flat, const MRows& rows,
-                                       int depth) {
+    // Rebuilds from a flat form: refused only when nested too deep.
+    std::unique_ptr<IMetadata> rebuild(const Bytes& flat, const MRows& rows, int depth) {
         const FlatCheck c = checkFlatMetadata(flat.data(), flat.size());
-        const bool deep = depth > kMaxDepth;
-        FUZZ_REQUIRE(c.ok == !deep);
-        if (deep)
-            FUZZ_REQUIRE(std::strcmp(c.reason, "nesting too deep") == 0);
-        else
-            FUZZ_REQUIRE(c.consumed == flat.size());
+        const bool deep = depth > flat::kMaxNestingDepth;
+        FUZZ_REQUIRE(c.ok == !deep && c.consumed == (deep ? 0 : flat.size()));
+        FUZZ_REQUIRE(!deep || std::strcmp(c.reason, "nesting too deep") == 0);
         auto back = std::make_unique<IMetadata>(flat.data(), flat.size());
-        const auto& storage = Inspect::storage(*back);
+        const auto storage = Inspect::storage(*back);
         FUZZ_REQUIRE(!storage == deep);
         if (deep) return nullptr;
-        FUZZ_REQUIRE(sameStorage(*storage, rows));
-        FUZZ_REQUIRE(back->count() == rows.size());
+        FUZZ_REQUIRE(sameStorage(*storage, rows) && back->count() == rows.size());
         return back;
     }
 
     // The public readers agree with the model too.
     void checkAll() {
         for (unsigned i = 0; i < kContainers; ++i) {
-            const MContainer& c = mm[i];
-            FUZZ_REQUIRE(meta[i]->count() == (c.hasStorage ? c.rows.size() : 0));
-            FUZZ_REQUIRE(meta[i]->isEmpty() == c.rows.empty());
+            FUZZ_REQUIRE(meta[i]->count() == mm[i].rows.size());
+            FUZZ_REQUIRE(meta[i]->isEmpty() == mm[i].rows.empty());
             for (uint32_t tag : kTags) {
                 const IEntry e = meta[i]->entryFor(tag);
-                const int at = c.hasStorage ? findRow(c.rows, tag) : -1;
-                FUZZ_REQUIRE(e.tag() == (at >= 0 ? tag : kNoTag));
-                if (at < 0) continue;
-                const auto& content = c.rows[static_cast<size_t>(at)].content;
-                FUZZ_REQUIRE(e.count() == (content ? content->elems.size() : 0));
-                FUZZ_REQUIRE(e.type() == (content ? content->type : -1));
+                const MRow* row = rowOf(i, tag);
+                FUZZ_REQUIRE(e.tag() == (row ? tag : kNoTag));
+                if (row) checkEntry(e, row->content);
             }
         }
-        for (unsigned i = 0; i < kEntries; ++i) {
-            const MEntry& m = me[i];
-            FUZZ_REQUIRE(ent[i]->count() == (m.content ? m.content->elems.size() : 0));
-            FUZZ_REQUIRE(ent[i]->type() == (m.content ? m.content->type : -1));
-            FUZZ_REQUIRE(ent[i]->isEmpty() == (!m.content || m.content->elems.empty()));
-        }
+        for (unsigned i = 0; i < kEntries; ++i) checkEntry(*ent[i], me[i].content);
+    }
+
+    static void checkEntry(const IEntry& e, const std::optional<MContent>& content) {
+        const size_t count = content ? content->elems.size() : 0;
+        FUZZ_REQUIRE(e.count() == count && e.isEmpty() == (count == 0));
+        FUZZ_REQUIRE(e.type() == (content ? content->type : -1));
     }
 
     ByteReader in;

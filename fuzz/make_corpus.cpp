@@ -256,10 +256,9 @@ public:
     }
     // Entry e reset to a tag, then `count` (1..4) values of a basic type.
     Script& basic(uint8_t e, uint8_t tag, uint8_t type, uint8_t count, uint8_t seed) {
-        static const uint8_t size[] = {1, 4, 4, 8, 8, 8, 8, 8, 16};
         op(kEntryReset, {e, tag});
         op(kEntryPush, {e, type, static_cast<uint8_t>(count == 1 ? 0x80 : count - 1)});
-        for (unsigned i = 0; i < size[type] * count; ++i)
+        for (int i = 0; i < kTypeFacts[type].size * count; ++i)
             mBytes.push_back(static_cast<uint8_t>(seed + i));
         return *this;
     }
@@ -283,15 +282,15 @@ enum Tag : uint8_t {  // positions in kTags
     tFlashAvail = 10,
     tCharge = 11,
     tGps = 12,
-    tGpsTime = 13,
+    tShares8 = 13,  // the slot of tVendor8
     tFocal = 14,
-    tDynRange = 15,
+    tShares8b = 15,  // the slot of tVendor8 too
     tCrop = 16,
     tExposure = 17,
     tActive = 18,
     tHistogram = 19,
     tFrameNumber = 20,
-    tPhysCrop = 21,
+    tLikeVendor8b = 21,  // outside the map, as tVendor8b: never aliases it
     tVendor8 = 22,
     tVendor8b = 23,
     tVendor9 = 24,
@@ -400,6 +399,9 @@ std::vector<std::pair<std::string, Bytes>> scripts() {
         s.op(kEntryRemoveAt, {0, 1}).op(kEntryAssign, {1, 0, 0}).op(kEntryRemoveAt, {0, 0});
         s.op(kEntryData, {1}).op(kEntryClear, {1}).op(kEntryClear, {0}).op(kEntryAssign, {2, 0, 1});
         s.op(kUpdate, {0, 2, tAeComp}).op(kCheck, {});
+        // one value kept in place, then four more: the array that takes them keeps the first
+        s.op(kEntryReset, {1, tFps}).op(kEntryPush, {1, TYPE_INT32, 0x80, 1, 0, 0, 0});
+        s.op(kEntryPush, {1, TYPE_INT32, 3}).raw(Bytes(16, 2)).op(kCheck, {});
         add("entry_edits", s);
     }
     {  // one-call typed access
@@ -420,6 +422,38 @@ std::vector<std::pair<std::string, Bytes>> scripts() {
         for (int i = 0; i < 66; ++i) s.op(kSetEntry, {0, tVendor9, TYPE_IMetadata, 0});
         s.op(kFlattenRebuild, {0, 1}).op(kUnflattenInto, {1, 0}).op(kCheck, {});
         add("deep_self_nesting", s);
+    }
+    {  // tags sharing a slot share a row, which keeps its first tag; outside the map never
+        Script s;
+        s.basic(0, tVendor8, TYPE_INT32, 1, 1).op(kUpdate, {0, 0, 0xFF});
+        s.basic(1, tShares8, TYPE_INT32, 2, 5).op(kUpdate, {0, 1, 0xFF});
+        s.basic(1, tLikeVendor8b, TYPE_UINT8, 1, 9).op(kUpdate, {0, 1, 0xFF});
+        s.basic(1, tVendor8b, TYPE_UINT8, 1, 7).op(kUpdate, {0, 1, 0xFF});
+        s.op(kEntryFor, {0, tShares8b, 2})
+            .op(kFlattenFilter, {0, 3, tShares8, tVendor8b, tShares8b});
+        s.op(kMerge, {1, 0}).basic(2, tShares8b, TYPE_FLOAT, 1, 3).op(kUpdate, {1, 2, 0xFF});
+        s.op(kGetEntry, {1, tShares8, TYPE_FLOAT, 0}).op(kBurstRead, {0, tShares8b, TYPE_INT32});
+        s.op(kSetEntry, {0, tShares8b, TYPE_UINT8, 4}).op(kTake, {0, tShares8, 2});
+        s.op(kRemove, {0, tLikeVendor8b}).op(kFlattenRebuild, {1, 1}).op(kMerge, {1, 0});
+        s.op(kCheck, {});
+        add("slot_sharers", s);
+    }
+    {  // tables past one chunk, with slot arrays and side indexes, copied and changed
+        Script s;
+        for (uint8_t t = 0; t < 24; ++t) s.basic(0, t, TYPE_INT32, 1, t).op(kUpdate, {0, 0, 0xFF});
+        s.op(kCopy, {1, 0}).op(kRemove, {1, tGains}).op(kRemove, {1, tFlashAvail});
+        s.basic(2, tAeComp, TYPE_MRect, 2, 1).op(kUpdate, {1, 2, 0xFF}).op(kEntryData, {2});
+        s.op(kAssign, {2, 1})
+            .op(kRemove, {2, tStrength})
+            .op(kSetEntry, {2, tNoSection, 1, 1, 0, 0, 0});
+        s.op(kSetEntry, {2, tFarGroup, 0, 2}).op(kTake, {0, tStrength, 1}).op(kTake, {0, tMode, 1});
+        s.op(kFlattenRebuild, {0, 1}).op(kUnflattenInto, {1, 2}).op(kMerge, {0, 2});
+        s.op(kEntryReset, {1, tVendor10})
+            .op(kEntryPush, {1, TYPE_Memory, 0})
+            .op(kClear, {2})
+            .op(kEntryClear, {0});
+        s.op(kMerge, {2, 1}).op(kRemove, {2, tCharge}).op(kCheck, {});
+        add("large_tables", s);
     }
     {  // a bit of everything
         Script s;

@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <set>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -67,30 +64,6 @@ TEST(PoolTest, RecycleKeepsFiveUnsharedBuffersWithTheirBytes) {
     EXPECT_EQ(pool.memoryDosage(), 5u * 104);
     const BufferSP again = pool.allocate(97);
     EXPECT_TRUE(again->data() == newest && *again == Bytes(97, 0x5A));
-}
-
-// Two threads on one slot: no buffer is handed to both; counts match the lists afterwards.
-TEST(PoolTest, TwoThreadsShareOneSlotConsistently) {
-    Allocator pool;
-    auto worker = [&pool](uint8_t id) {
-        for (int i = 0; i < 3000; ++i) {
-            BufferSP h[2] = {pool.allocate(97 + id), pool.allocate(104)};  // both the 104 slot
-            for (int k : {0, 1}) std::fill(h[k]->begin(), h[k]->end(), uint8_t(2 * id + k));
-            std::this_thread::yield();
-            for (int k : {0, 1})
-                ASSERT_EQ(std::count(h[k]->begin(), h[k]->end(), 2 * id + k), long(h[k]->size()));
-            for (BufferSP& b : h) pool.recycle(std::move(b));
-        }
-    };
-    std::thread other(worker, 1);
-    worker(2);
-    other.join();
-    const uint32_t n = spares(pool, 104);  // the unlocked room test may overshoot by one
-    EXPECT_TRUE(n >= 2 && n <= Memory::MemorySlot::kMaxBuffers + 1) << n;
-    EXPECT_EQ(pool.memoryDosage(), 104u * n);
-    std::set<BufferSP> seen;  // held, so none goes back while the slot is emptied
-    for (uint32_t i = 0; i < n; ++i) seen.insert(pool.allocate(104));
-    EXPECT_EQ(seen.size(), n);
 }
 
 TEST(MemoryTest, EqualityRules) {  // no vector == empty vector; else sizes, then bytes
@@ -166,28 +139,6 @@ TEST(MemoryTest, EditsZeroFillAndLeaveASharerAlone) {
     const Memory before(grown);
     EXPECT_EQ(grown.appendVector(blob({7})), 4u);
     EXPECT_EQ(bytesOf(before), (Bytes{1, 2, 3}));
-}
-
-// Another thread reads shared bytes (as a flatten copies them out), then lets go of its handle;
-// the last owner then edits in place. Its "I am the last owner" must be ordered after the other
-// thread's reads: ThreadSanitizer reports the race otherwise.
-TEST(MemoryTest, TheLastOwnerEditsOnlyAfterTheOtherOwnersReads) {
-    for (int round = 0; round < 50; ++round) {
-        Memory mine = blob(Bytes(64, 1));
-        std::atomic<bool> released{false};  // relaxed: it orders nothing by itself
-        std::thread other([copy = Memory(mine), &released]() mutable {
-            Bytes out(copy.size());
-            std::copy(copy.array(), copy.array() + copy.size(), out.begin());
-            ASSERT_EQ(out, Bytes(64, 1));
-            copy.clear();
-            released.store(true, std::memory_order_relaxed);
-        });
-        while (!released.load(std::memory_order_relaxed)) std::this_thread::yield();
-        const uint8_t* before = mine.array();
-        mine.editArray()[0] = 2;  // sole owner now: in place
-        EXPECT_EQ(mine.array(), before);
-        other.join();
-    }
 }
 
 }  // namespace

@@ -111,6 +111,7 @@ TEST_F(MetadataCheckTest, HugeClaimsAndDeepNestsAreRefusedWithoutAllocatingForTh
         {one(TYPE_Memory, 1, {0xFFFFFFFCu, 0}), "element length exceeds record@28"},
         {one(TYPE_IMetadata, 1, {0xFFFFFFF0u, 0}), "element length exceeds record@28"},
         {one(TYPE_INT32, 1, {7}, 1, 0xFFFFFFF8u), "record length exceeds buffer@12"},
+        {one(-1, 1, {7}), "elements without a type@20"},
         {one(TYPE_INT32, 1, {7}, 0x8000u), "record count out of range@4"},
         {one(TYPE_INT32, 1, {7}, 0x7FFFu), "truncated record head@32"},
         {chain(64), "@2080"},

@@ -4,18 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "RecordingLogger.h"
+#include "Values.h"
 
 namespace {
 
 using namespace NSCam;
+using zorcam_test::entry;
 using Lines = std::vector<std::string>;
-
-template <typename T>
-IMetadata::IEntry entry(const std::vector<T>& values) {
-    IMetadata::IEntry e;
-    for (const T& v : values) e.push_back(v, Type2Type<T>());
-    return e;
-}
 
 class DumpTest : public zorcam_test::LoggerTest {
 protected:

@@ -5,22 +5,17 @@
 #include <gtest/gtest.h>
 
 #include "RecordingLogger.h"
+#include "Values.h"
 
 namespace {
 
 using namespace NSCam;
+using zorcam_test::entry;
 constexpr char kPropLevel[] = "vendor.camera.debug.metaUpdater";
 constexpr char kPropMfnr[] = "vendor.camera.debug.metaUpdater.appendMFNR";
 constexpr char kPropTuning[] = "vendor.camera.debug.metaUpdater.setHintForCustomTuning";
 constexpr uint32_t kIntent = 0x1000D, kMfnrHint = 0x80040000, kTuningHint = 0x800B0011;
 constexpr auto kDevice = IMetadataUpdater::APPEND_AT_DEVICE;
-
-template <typename T>
-IMetadata::IEntry entry(std::vector<T> values) {
-    IMetadata::IEntry e;
-    for (const T& v : values) e.push_back(v, Type2Type<T>());
-    return e;
-}
 
 class UpdaterTest : public zorcam_test::LoggerTest {
 protected:
@@ -59,8 +54,8 @@ TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
     setLogging(0x2, 5, 0x101000);
     u->dumpMeta(&meta);
     u->dumpMeta(&empty);  // no line at all
-    EXPECT_EQ(log.textsAt(5), lines);
-    for (const auto& l : log.lines()) EXPECT_EQ(l.tag, "zorcam-MetaUpdater");
+    for (const auto& l : log.lines()) EXPECT_TRUE(l.tag == "zorcam-MetaUpdater" && l.level == 5);
+    EXPECT_EQ(log.take(), lines);
 }
 
 // appendMFNR adds its hint for a still capture (intent 1) only; any tuning hint but -1 replaces.
@@ -90,10 +85,9 @@ TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_EQ(u->appendCustomerMeta(IMetadataUpdater::EAppendStage(2), &c, &r, &h), -1);
     u->destroy();
-    EXPECT_EQ(log.textsAt(2),
-              (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
-                                        "[3::appendCustomerMeta] Unknown append stage",
-                                        "[3::destroy] Not Implement"}));
+    EXPECT_EQ(log.take(), (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
+                                                    "[3::appendCustomerMeta] Unknown append stage",
+                                                    "[3::destroy] Not Implement"}));
     EXPECT_TRUE(c.isEmpty() && r.isEmpty() && h.isEmpty());
 }
 
@@ -113,7 +107,7 @@ TEST_F(UpdaterTest, DerivedDeviceHookIsMergedAndLogged) {
     IMetadata::setEntry<uint8_t>(&control, kIntent, 1);
     EXPECT_EQ(DeviceHook({4}).appendCustomerMeta(kDevice, &control, nullptr, nullptr), 0);
     EXPECT_EQ(
-        log.textsAt(5),
+        log.take(),
         (std::vector<std::string>{
             "[4::appendCustomerMeta] + 0", "[4::appendCustomerMeta] appendAppControlMeta count=2",
             "[4::dumpMeta] 0x1 => 42 ", "[4::dumpMeta] 0x2 => 5 ",
@@ -138,7 +132,7 @@ TEST_F(UpdaterTest, DerivedPipelineHookIsMergedIntoResultAndHal) {
         PipelineHook({5}).appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
     EXPECT_TRUE(c.isEmpty() && r.entryFor(5).itemAt(0, Type2Type<int32_t>()) == 1 &&
                 h.entryFor(6).itemAt(0, Type2Type<int32_t>()) == 2 && r.count() + h.count() == 2);
-    EXPECT_EQ(log.textsAt(5),
+    EXPECT_EQ(log.take(),
               (std::vector<std::string>{"[5::appendCustomerMeta] appendAppResultMeta count=1",
                                         "[5::dumpMeta] 0x5 => 1 ",
                                         "[5::appendCustomerMeta] appendHalMeta count=1",

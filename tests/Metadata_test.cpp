@@ -1,11 +1,12 @@
-// IMetadata: lifecycle, storage copy-on-write, single entries, merge and the flat form.
+// IMetadata: what it reports, when a storage is marked shared, and the limits of the flat form a
+// sender keeps. (Copies, merges, entries and round trips are checked step by step by the
+// operations fuzz target, whose corpus runs under ctest.)
 #include <gmock/gmock.h>
 
 #include <pthread.h>
 
 #include <algorithm>
 #include <functional>
-#include <thread>
 
 #include <zorcam/metadata/MetadataCheck.h>
 
@@ -36,10 +37,11 @@ IMetadata with(const Rows& rows) {  // one int per tag, in this order
 }
 class MetadataTest : public zorcam_test::LoggerTest {};
 
-TEST_F(MetadataTest, NoStorageUntilRemoveBadBuffersLeaveItEmptyAndDestructionMarksTheFields) {
+TEST_F(MetadataTest, NoStorageUntilRemoveAndBadBuffersLeaveItEmpty) {
     IMetadata m;
     EXPECT_TRUE(m.count() == 0 && m.isEmpty() && m.entryFor(1).tag() == kNoTag && !In::storage(m));
-    EXPECT_TRUE(m.remove(0x00010000) == -1 && In::storage(m));
+    EXPECT_TRUE(m.remove(0x00010000) == -1 && In::storage(m) && m.entryAt(0).tag() == kNoTag);
+    EXPECT_THAT(log.take(), ElementsAre("getContentSPByIndex:index 0 out of range 0"));
     EXPECT_EQ(IMetadata().flattenSize(), 8);
     Bytes b = flat(with({{0x00010000, 1}}));
     b[3] = 0x02;
@@ -51,13 +53,6 @@ TEST_F(MetadataTest, NoStorageUntilRemoveBadBuffersLeaveItEmptyAndDestructionMar
     const std::string bad =
         "IMetadata:unflatten error " + ::testing::PrintToString(static_cast<void*>(&b[0]));
     EXPECT_THAT(log.take(), ElementsAre(refused, bad + ", size 32", refused));
-    alignas(IMetadata) unsigned char mem[sizeof(IMetadata)];
-    const uint32_t n = In::fields(IMetadata())[3] + 1;  // the next serial
-    IMetadata* d = new (mem) IMetadata(m);
-    EXPECT_EQ(In::fields(*d),
-              (std::vector<uint32_t>{0x56781234, 0x24542454, 0x43218765, n | 0x80000000u, n}));
-    d->~IMetadata();
-    EXPECT_EQ(In::fields(*d), (std::vector<uint32_t>{0x56781233, 0x24542454, 0x43218764, 0, n}));
 }
 
 // What may hand the storage out marks it shared, so that the next write goes to a clone.
@@ -69,38 +64,15 @@ TEST(ShareTest, OperationsThatMayHandTheStorageOutMakeTheNextWriteClone) {
         {"flatten", [](IMetadata& m) { m.flatten(std::vector<char>(64).data(), 64); }},
         {"burstRead", [](IMetadata& m) { m.burstRead([](const Storage&) { return 0; }); }},
         {"assign", [](IMetadata& m) { IMetadata() = m; }}};  // getStorageSP, as copies do
+    // Once marked, a storage is cloned even when its container has become its only owner
+    // again: a reader without the lock may still be inside it. So `before` holds no reference.
     for (const auto& [name, op] : ops) {
         IMetadata m(std::make_shared<Storage>());  // a private storage
-        const std::shared_ptr<Storage> before = In::storage(m);
+        const Storage* before = In::storage(m).get();
         op(m);
         IMetadata::setEntry<int>(&m, 0x00040000, 4);
-        EXPECT_TRUE(In::storage(m) != before && before->size() == 0) << name;
+        EXPECT_NE(In::storage(m).get(), before) << name;
     }
-}
-
-TEST_F(MetadataTest, CopiesAreIsolatedInBothDirectionsAndEntriesAreTakenOrReadByRow) {
-    IMetadata a = with({{0x00010000, 1}, {0x00040006, 6}}), c(a), d;
-    d = a;
-    IMetadata::setEntry<int>(&c, 0x00010000, 2);
-    IMetadata::setEntry<int>(&a, 0x00020000, 3);
-    d.remove(0x00040006);
-    EXPECT_EQ(flat(a), flat(with({{0x00010000, 1}, {0x00040006, 6}, {0x00020000, 3}})));
-    EXPECT_EQ(flat(c), flat(with({{0x00010000, 2}, {0x00040006, 6}})));
-    EXPECT_EQ(flat(d), flat(with({{0x00010000, 1}})));
-    d = a;
-    const IMetadata::IEntry e = a.takeEntryFor(0x00010000);
-    EXPECT_EQ(std::make_pair(e.tag(), e.itemAt(0, kInt)), std::make_pair(0x00010000u, 1));
-    EXPECT_EQ(flat(a), flat(with({{0x00020000, 3}, {0x00040006, 6}})));  // the last row moved up
-    EXPECT_EQ(d.count(), 3u);
-    EXPECT_EQ(a.entryAt(a.count()).tag(), kNoTag);
-    EXPECT_THAT(log.take(), ElementsAre("getContentSPByIndex:index 2 out of range 2"));
-    auto writer = [](IMetadata* m, uint32_t section) {
-        for (uint32_t i = 0; i < 500; ++i) IMetadata::setEntry<int>(m, section << 16 | i % 50, 0);
-    };
-    std::thread other(writer, &a, 0x9100u);
-    writer(&c, 0x9101u);
-    other.join();
-    EXPECT_EQ(a.count() + c.count(), 104u);  // 2 + 50 each: no write crossed
 }
 
 TEST_F(MetadataTest, MismatchedOrMissingTagsAndNewRowsBeyondTheLimitAreReported) {
@@ -132,50 +104,6 @@ TEST_F(MetadataTest, MismatchedOrMissingTagsAndNewRowsBeyondTheLimitAreReported)
                 ElementsAre("update:table full (32767 rows), tag 20000 not stored",
                             ::testing::MatchesRegex("operator\\+=.*:table full "
                                                     ".32767 rows., tag 30000 not merged")));
-}
-
-TEST(MergeTest, RowsKeepTheirPlacesNewTagsFollowInTheOthersOrderAndOperandsStay) {
-    IMetadata a = with({{0x00010000, 1}, {0x00020000, 2}, {0x10010000, 6}, {3, 3}});
-    const IMetadata b = with({{0x00040006, 40}, {0x00020000, 20}, {0x80010000, 60}, {5, 50}});
-    const Bytes fa = flat(a), fb = flat(b);
-    const Rows sum = {{0x00010000, 1}, {0x00020000, 20}, {0x10010000, 60},
-                      {3, 3},          {0x00040006, 40}, {5, 50}};
-    EXPECT_EQ(flat(a + b), flat(with(sum)));
-    EXPECT_TRUE(flat(a) == fa && flat(b) == fb);
-    IMetadata::setEntry<int>(&a, 0x00060000, 6);  // private again
-    const std::shared_ptr<Storage> s = In::storage(a);
-    (a += a) += IMetadata();  // nothing to do: not even the flag is set
-    EXPECT_TRUE(In::storage(a) == s && s->mShared == 0 && s->size() == 5);
-    IMetadata empty;
-    empty += b;  // shares the other's storage until it writes
-    EXPECT_EQ(In::storage(empty), In::storage(b));
-}
-
-template <typename T>
-void expectRead(const IMetadata& m, uint32_t tag, const T& want) {
-    T got{};
-    EXPECT_TRUE(IMetadata::getEntry(&m, tag, got) && got == want) << std::hex << tag;
-}
-
-// Catches a type whose values are lost or misplaced in the flat form.
-TEST(FlatTest, AllElevenTypesAndThreeNestingLevelsComeBackInRowOrder) {
-    IMetadata m, mid = with({{0x00010000, 8}});
-    IMetadata::setEntry(&mid, 0x00020000, with({{0x00010000, 9}, {0x00040006, -9}}));
-    IMetadata::setEntry(&m, 0x91040001, mid);
-    const auto values =
-        std::make_tuple(IMetadata::Memory("\x01\xFE\0blob", 7), NSCam::MRect(1, -1, 2, 0x7FFFFFFF),
-                        NSCam::MSize(3, -4), NSCam::MPoint(1, 2), NSCam::MRational(1, -2),
-                        -2.75e100, (1L << 40) - 3, 1.25f, -100007, static_cast<unsigned char>(250));
-    uint32_t tag = 0x00200000;  // outside the slot map, after one inside it
-    std::apply([&](const auto&... v) { (IMetadata::setEntry(&m, tag++, v), ...); }, values);
-    const Bytes b = flat(m);
-    const IMetadata back(b.data(), b.size());
-    EXPECT_EQ(flat(back), b);  // the same rows in the same order
-    tag = 0x00200000;
-    std::apply([&](const auto&... v) { (expectRead(back, tag++, v), ...); }, values);
-    const NSCam::Type2Type<IMetadata> nested;
-    expectRead(back.entryFor(0x91040001).itemAt(0, nested).entryFor(0x00020000).itemAt(0, nested),
-               0x00040006, -9);
 }
 
 // Runs `fn` on a thread with a 1 MiB stack, as camera threads often have.
@@ -213,12 +141,15 @@ IMetadata wide(size_t n) {
     return m;
 }
 
+IMetadata oneRow() {
+    return with({{0x00010000, 1}});
+}
+
 // The sender refuses exactly what the receiver refuses, and says which limit; nothing on the
 // way (sizing, writing, dumping, destroying) recurses per level, so a small stack suffices.
 TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecursesPerLevel) {
     const std::string deep =
-        "containers nested deeper than 64 levels: a receiver would refuse "
-        "the form";
+        "containers nested deeper than 64 levels: a receiver would refuse the form";
     const std::string many = "more than 8192 nested containers: a receiver would refuse the form";
     const std::vector<uint32_t> repeated(32768, 0x00010000);
     const struct {
@@ -231,18 +162,9 @@ TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecur
                  {"10000 levels", [] { return chain(10000); }, nullptr, deep},
                  {"8192 containers", [] { return wide(8192); }, nullptr, ""},
                  {"8193 containers", [] { return wide(8193); }, nullptr, many},
-                 {"32767 records",
-                  [] {
-                      return with({{0x00010000, 1}});
-                  },
-                  &repeated, ""},
-                 {"32768 records",
-                  [] {
-                      return with({{0x00010000, 1}});
-                  },
-                  &repeated,
-                  "more than 32767 "
-                  "records: a receiver would refuse the form"}};
+                 {"32767 records", oneRow, &repeated, ""},
+                 {"32768 records", oneRow, &repeated,
+                  "more than 32767 records: a receiver would refuse the form"}};
     onSmallStack([&] {
         for (const auto& c : cases) {
             SCOPED_TRACE(c.name);

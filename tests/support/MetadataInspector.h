@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "Content.h"
 #include "ItemTable.h"
@@ -19,10 +18,6 @@ struct MetadataInspector {
 
     // A container's storage, without marking it shared.
     static std::shared_ptr<IMetadata::Storage> storage(const IMetadata& m) { return m.mStorage; }
-    // Its markers and validity numbers: head, lock, tail, mValidNum, mValidNumBackup.
-    static std::vector<uint32_t> fields(const IMetadata& m) {
-        return {m.mHeadMarker, m.mLockMarker, m.mTailMarker, m.mValidNum.load(), m.mValidNumBackup};
-    }
     // An entry's content, without marking it read-only.
     static std::shared_ptr<IMetadata::Content> content(const IMetadata::IEntry& e) {
         return e.mContentPtr;

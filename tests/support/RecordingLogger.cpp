@@ -17,34 +17,17 @@ std::vector<LogLine> RecordingLogger::lines() const {
     return mLines;
 }
 
-std::vector<std::string> RecordingLogger::texts() const {
-    std::vector<std::string> out;
-    for (const LogLine& l : lines()) out.push_back(l.text);
-    return out;
-}
-
-std::vector<std::string> RecordingLogger::textsAt(int level) const {
-    std::vector<std::string> out;
-    for (const LogLine& l : lines())
-        if (l.level == level) out.push_back(l.text);
-    return out;
-}
-
 std::vector<std::string> RecordingLogger::take() {
     static const std::regex site("^([\\w~+=]+)\\(\\d+\\):");
     std::vector<std::string> out;
-    for (const std::string& t : texts())
-        out.push_back(
-            t.rfind("Callstack:", 0) == 0
-                ? "Callstack:"
-                : std::regex_replace(t, site, "$1:", std::regex_constants::format_first_only));
-    reset();
-    return out;
-}
-
-void RecordingLogger::reset() {
     std::lock_guard<std::mutex> guard(mLock);
+    for (const LogLine& l : mLines)
+        out.push_back(
+            l.text.rfind("Callstack:", 0) == 0
+                ? "Callstack:"
+                : std::regex_replace(l.text, site, "$1:", std::regex_constants::format_first_only));
     mLines.clear();
+    return out;
 }
 
 void LoggerTest::SetUp() {

@@ -29,16 +29,12 @@ public:
     void flush() override {}
     void preAbort(int) override {}
 
+    // Every line as it was written.
     std::vector<LogLine> lines() const;
-    // Texts only, in order.
-    std::vector<std::string> texts() const;
-    // Texts of the lines at `level`.
-    std::vector<std::string> textsAt(int level) const;
     // The texts with the source line dropped ("update(12):x" reads "update:x") and call
     // stacks cut to "Callstack:"; then forgets them, so a test can take the lines of one step
     // at a time.
     std::vector<std::string> take();
-    void reset();
 
 private:
     mutable std::mutex mLock;
