@@ -46,7 +46,10 @@ std::vector<uint8_t> flat(IMetadata m) {  // a copy is only read, so its size an
 
 TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
     const IEntry first = entryOf(0x00010000, 0), second = entryOf(0x00040006, 0);
-    IMetadata pool[5], &owned = pool[4], blobs;  // each tag of `owned` belongs to one thread
+    // pool[3] starts on a storage the caller made: read under the lock only, and destroyed
+    // without waiting for readers, so a reader without the lock must never be handed one.
+    IMetadata pool[5] = {{}, {}, {}, IMetadata(std::make_shared<Storage>()), {}};
+    IMetadata &owned = pool[4], blobs;  // each tag of `owned` belongs to one thread
     IEntry entries[2] = {first, second};
     std::atomic<bool> stop{false};
     auto kOf = [](const IEntry& e) { return e.count() == 3 ? e.itemAt(1, Type2Type<int>()) : -1; };
@@ -56,7 +59,7 @@ TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
         for (int k = 0; k < 3000 && t < 8; ++k) {
             IMetadata &a = pool[rng() % 4], &b = pool[rng() % 4];
             IEntry& e = entries[rng() % 2];
-            const uint32_t n = rng() % 24, op = rng() % 9;  // tags in, past and outside the map
+            const uint32_t n = rng() % 24, op = rng() % 10;  // tags in, past and outside the map
             const uint32_t tag = n < 12 ? 0x10000 + n : n < 18 ? 0x40006 + n : 0x7F000000 + n;
             const IEntry fresh = entryOf(tag, k);
             const IMetadata copy(a);  // must not see what anybody does to `a` from now on (read
@@ -77,6 +80,7 @@ TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
                 while (rebuilt.size() <= k % 40u) rebuilt.emplace_back(bytes.data(), bytes.size());
                 ok = flat(rebuilt[0]) == bytes && allRowsVouch(rebuilt[0]);
             }
+            if (op == 9) a = IMetadata(std::make_shared<Storage>()), a += b;  // caller-made again
             // A blob read out shares its bytes; refilled, it is copied first, and the old
             // buffer is released by whichever thread lets go of it last.
             const uint32_t bt = 0x90010000 + rng() % 4;
