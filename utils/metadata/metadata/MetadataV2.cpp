@@ -232,6 +232,29 @@ constexpr auto kBasicSizes = [] {
     return sizes;
 }();
 
+// Copies `n` bytes of element values. The sizes of one element of each basic type (1, 4, 8
+// and 16 bytes) are copied as fixed sizes, inline, rather than by a call to memcpy: a read
+// of one value and the flatten of a one-value row are a handful of instructions besides.
+void copyElements(void* to, const void* from, size_t n) {
+    switch (n) {
+        case 1:
+            std::memcpy(to, from, 1);
+            break;
+        case 4:
+            std::memcpy(to, from, 4);
+            break;
+        case 8:
+            std::memcpy(to, from, 8);
+            break;
+        case 16:
+            std::memcpy(to, from, 16);
+            break;
+        default:
+            std::memcpy(to, from, n);
+            break;
+    }
+}
+
 // The whole block of `table` (every row) in one pass over the rows with one copy of each
 // payload, when every row holds basic values (or none) and the block fits `w`. False when
 // it meets anything else: the careful writer below then writes the whole block again, with
@@ -275,27 +298,7 @@ bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
         put32(Content::kPattern);
         put32(static_cast<uint32_t>(c->mType));
         put32(static_cast<uint32_t>(c->mCount));
-        // The usual payloads are up to 16 bytes: copied as fixed sizes.
-        const uint8_t* from = c->elements();
-        switch (payload) {
-            case 0:
-                break;
-            case 1:
-                *out = *from;
-                break;
-            case 4:
-                std::memcpy(out, from, 4);
-                break;
-            case 8:
-                std::memcpy(out, from, 8);
-                break;
-            case 16:
-                std::memcpy(out, from, 16);
-                break;
-            default:
-                std::memcpy(out, from, payload);
-                break;
-        }
+        copyElements(out, c->elements(), payload);
         out += payload;
     });
     if (!basic) return false;
@@ -1180,14 +1183,14 @@ int IMetadata::readWithoutLock(uint32_t tag, int32_t type, size_t index, void* o
                     if (index >= static_cast<uint32_t>(c->mCount)) break;
                     if (c->mType != type) return -1;
                     if (c->mHeld != Content::Held::kBytes && index != 0) return -1;
-                    std::memcpy(value, c->elements() + index * size, size);
+                    copyElements(value, c->elements() + index * size, size);
                     found = 1;
                     break;
             }
         }
         acquireFence();  // what was read above is read before the count is read again
         if (mSequence.load(std::memory_order_relaxed) == before) {
-            if (found) std::memcpy(out, value, size);
+            if (found) copyElements(out, value, size);
             return found;
         }
     }
