@@ -86,15 +86,7 @@ void nested::release(std::shared_ptr<void>&& nested) {
 //------------------------------------------------------------------------------------------
 // Life cycle
 
-Content::Content()
-    : mType(-1),
-      mCount(0),
-      mReadOnly(0),
-      mHeld(Held::kNothing),
-      mBytesOwned(false),
-      mCapacity(0),
-      mBytes(nullptr),
-      mObjects(nullptr) {
+Content::Content() {
     countBy(1);
     std::memset(mInlineData, 0, sizeof(mInlineData));
 }

@@ -53,14 +53,7 @@ public:
     // A record of a basic type (or of no elements) whose header and payload the decoder of a
     // block has checked: `n` payload bytes at `payload`. Read-only, as every decoded content.
     Content(int32_t type, int32_t count, const uint8_t* payload, size_t n, Arena* arena)
-        : mType(type),
-          mCount(count),
-          mReadOnly(1),
-          mHeld(Held::kNothing),
-          mBytesOwned(false),
-          mCapacity(0),
-          mBytes(nullptr),
-          mObjects(nullptr) {
+        : mType(type), mCount(count), mReadOnly(1) {
         countBy(1);
         if (count == 1) {
             std::memcpy(mInlineData, payload, n);
@@ -138,16 +131,17 @@ public:
     // Exported for statistics, never written.
     static int64_t mStatSize;
 
-    int32_t mType;
-    int32_t mCount;
+    int32_t mType = -1;
+    int32_t mCount = 0;
     // Set once the content may be reachable from more than one holder. Atomic because
     // entries on different locks may mark one shared content at the same time.
-    std::atomic<int32_t> mReadOnly;
-    Held mHeld;
-    bool mBytesOwned;  // mBytes is this content's own heap array (not in place, not an arena's)
-    size_t mCapacity;  // bytes mBytes can hold without moving
-    uint8_t* mBytes;   // the byte array: mInlineData, a heap array or an arena's bytes
-    void* mObjects;    // the vector of storages or of blobs
+    std::atomic<int32_t> mReadOnly{0};
+    Held mHeld = Held::kNothing;
+    // mBytes is this content's own heap array (not in place, not an arena's).
+    bool mBytesOwned = false;
+    size_t mCapacity = 0;       // bytes mBytes can hold without moving
+    uint8_t* mBytes = nullptr;  // the byte array: mInlineData, a heap array or an arena's bytes
+    void* mObjects = nullptr;   // the vector of storages or of blobs
     alignas(8) uint8_t mInlineData[kInlineSize];
 
 private:
