@@ -8,27 +8,16 @@
 # libraries, GoogleTest and Google Benchmark (multiarch).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install_deps.sh
-start=$(date +%s)
-
 export DEBIAN_FRONTEND=noninteractive
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     echo "adding the arm64 architecture to dpkg"
     dpkg --add-architecture arm64
     apt-get update -qq
 fi
-packages=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user
-          android-liblog-dev:arm64 android-libbase-dev:arm64 android-libbacktrace-dev:arm64
-          libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64)
-missing=()
-for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "installing: ${missing[*]}"
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+scripts/install_deps.sh g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user \
+    android-liblog-dev:arm64 android-libbase-dev:arm64 android-libbacktrace-dev:arm64 \
+    libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64
+start=$(date +%s)
 # The arm64 7z.so that libbacktrace loads, beside the host's amd64 one (see the toolchain file).
 overlay=build/arm64-overlay
 if [ ! -f "$overlay/usr/lib/p7zip/7z.so" ]; then
