@@ -70,19 +70,6 @@ Orphans& orphans() {
     return *o;
 }
 
-// A fence that orders this thread's earlier stores before its later loads, against the same
-// fence on another thread. ThreadSanitizer does not model fences (and warns on them): there a
-// read-modify-write of one shared word stands in, which orders just as strongly on the
-// hardware the tests run on.
-void fullFence() {
-#ifdef ZORCAM_TSAN
-    static std::atomic<uint32_t> word{0};
-    word.fetch_add(0, std::memory_order_seq_cst);
-#else
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-#endif
-}
-
 Record* acquireRecord() {
     for (Record* r = gRecords.load(std::memory_order_acquire); r != nullptr; r = r->next) {
         bool used = false;

@@ -30,24 +30,35 @@ bool soleOwner(const std::shared_ptr<T>& p) {
     return true;
 }
 
-// Fences for the sequence count of a container (see IMetadata::readWithoutLock).
+// Fences: `kOrder` release and acquire for the sequence count of a container (see
+// IMetadata::readWithoutLock), seq_cst for the readers' announcements (Readers.cpp).
 // ThreadSanitizer does not model fences (and warns on them); there a read-modify-write of one
-// word stands in, which orders at least as strongly on the hardware the tests run on.
-inline void releaseFence() {
+// word, shared by every fence, stands in, which orders at least as strongly on the hardware
+// the tests run on.
 #ifdef ZORCAM_TSAN
+inline std::atomic<uint32_t>& fenceWord() {
     static std::atomic<uint32_t> word{0};
-    word.fetch_add(0, std::memory_order_acq_rel);
+    return word;
+}
+#endif
+template <std::memory_order kOrder>
+inline void fence() {
+#ifdef ZORCAM_TSAN
+    constexpr std::memory_order rmw =
+        kOrder == std::memory_order_seq_cst ? kOrder : std::memory_order_acq_rel;
+    fenceWord().fetch_add(0, rmw);
 #else
-    std::atomic_thread_fence(std::memory_order_release);
+    std::atomic_thread_fence(kOrder);
 #endif
 }
+inline void releaseFence() {
+    fence<std::memory_order_release>();
+}
 inline void acquireFence() {
-#ifdef ZORCAM_TSAN
-    static std::atomic<uint32_t> word{0};
-    word.fetch_add(0, std::memory_order_acq_rel);
-#else
-    std::atomic_thread_fence(std::memory_order_acquire);
-#endif
+    fence<std::memory_order_acquire>();
+}
+inline void fullFence() {
+    fence<std::memory_order_seq_cst>();
 }
 
 }  // namespace NSCam
