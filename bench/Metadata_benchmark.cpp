@@ -15,8 +15,10 @@
 #include <zorcam/platform/ULog.h>
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,31 +45,48 @@ void __libc_free(void*);
 
 namespace {
 thread_local uint64_t tAllocs = 0;
+// While gWeighing is set (BM_HeapHeld120 only, so that no other figure pays for it): bytes of
+// every block the heap has handed out and not yet taken back, all threads together, as
+// malloc_usable_size tells what a block really takes.
+std::atomic<bool> gWeighing{false};
+std::atomic<int64_t> gLive{0};
+
+void* counted(void* p) {
+    if (p != nullptr && gWeighing.load(std::memory_order_relaxed))
+        gLive.fetch_add(static_cast<int64_t>(malloc_usable_size(p)), std::memory_order_relaxed);
+    return p;
 }
+void uncount(void* p) {
+    if (p != nullptr && gWeighing.load(std::memory_order_relaxed))
+        gLive.fetch_sub(static_cast<int64_t>(malloc_usable_size(p)), std::memory_order_relaxed);
+}
+}  // namespace
 
 extern "C" {
 void* malloc(size_t n) {
     ++tAllocs;
-    return __libc_malloc(n);
+    return counted(__libc_malloc(n));
 }
 void* calloc(size_t n, size_t size) {
     ++tAllocs;
-    return __libc_calloc(n, size);
+    return counted(__libc_calloc(n, size));
 }
 void* realloc(void* p, size_t n) {
     ++tAllocs;
-    return __libc_realloc(p, n);
+    uncount(p);
+    return counted(__libc_realloc(p, n));
 }
 void* aligned_alloc(size_t alignment, size_t n) {
     ++tAllocs;
-    return __libc_memalign(alignment, n);
+    return counted(__libc_memalign(alignment, n));
 }
 int posix_memalign(void** out, size_t alignment, size_t n) {
     ++tAllocs;
-    *out = __libc_memalign(alignment, n);
+    *out = counted(__libc_memalign(alignment, n));
     return *out ? 0 : 12;  // ENOMEM
 }
 void free(void* p) {
+    uncount(p);
     __libc_free(p);
 }
 }
@@ -213,6 +232,106 @@ IMetadata makeRequest() {
     return meta;
 }
 
+// One value stored with the one-call setter of its type.
+void setOne(IMetadata& meta, uint32_t tag, Kind kind, int i) {
+    switch (kind) {
+        case Kind::U8:
+            IMetadata::setEntry<unsigned char>(&meta, tag, static_cast<unsigned char>(i));
+            break;
+        case Kind::I32:
+            IMetadata::setEntry<int>(&meta, tag, i);
+            break;
+        case Kind::I64:
+            IMetadata::setEntry<long>(&meta, tag, static_cast<long>(i));
+            break;
+        case Kind::F32:
+            IMetadata::setEntry<float>(&meta, tag, static_cast<float>(i));
+            break;
+        case Kind::Rect:
+            IMetadata::setEntry<MRect>(&meta, tag, MRect(i, i, 64, 48));
+            break;
+    }
+}
+
+// The request as a component writes its controls: setEntry for each single value, an entry
+// (push_back of the array, then update) for each of the 12 arrays, which setEntry cannot
+// store.
+IMetadata makeRequestBySetEntry() {
+    IMetadata meta;
+    for (const Tag& t : workload()) {
+        if (!t.request) continue;
+        if (t.count == 1)
+            setOne(meta, t.tag, t.kind, 0);
+        else
+            fill(meta, t);
+    }
+    return meta;
+}
+
+// A request of `n` entries with the workload's mix of types and counts (entry i has the type
+// and count of workload entry i % 120). The first tags are the workload's own; the others are
+// tags of the slot map not used yet, and every fourth of them a tag past the map's sections,
+// which the table keeps in its side index.
+struct Sized {
+    uint32_t tag;
+    Kind kind;
+    int count;
+};
+std::vector<Sized> sizedRequest(size_t n) {
+    const std::vector<Tag> base = requestTags();
+    std::vector<uint32_t> used;
+    for (const Tag& t : base) used.push_back(t.tag);
+    // Every section of the slot map (first tag, slots it owns): 1,610 slots in all.
+    static const std::pair<uint32_t, uint32_t> sections[] = {
+        {0x00000000, 5},  {0x00010000, 59}, {0x00020000, 1},  {0x00030000, 3},  {0x00040000, 6},
+        {0x00050000, 4},  {0x00060000, 2},  {0x00070000, 10}, {0x00080000, 16}, {0x00090000, 8},
+        {0x000a0000, 3},  {0x000b0000, 5},  {0x000c0000, 22}, {0x000d0000, 30}, {0x000e0000, 34},
+        {0x000f0000, 23}, {0x00100000, 3},  {0x00110000, 25}, {0x00120000, 9},  {0x00130000, 8},
+        {0x00140000, 2},  {0x00150000, 4},  {0x00160000, 1},  {0x00170000, 2},  {0x00180000, 2},
+        {0x00190000, 15}, {0x001a0000, 3},  {0x001b0000, 2},  {0x001c0000, 6},  {0x001d0000, 2},
+        {0x001e0000, 1},  {0x001f0000, 1},  {0x00210000, 6},  {0x00220000, 4},  {0x00230000, 9},
+        {0x10000000, 24}, {0x10010000, 2},  {0x10020000, 10}, {0x10030000, 16}, {0x10040000, 8},
+        {0x10050000, 2},  {0x10060000, 48}, {0x10070000, 5},  {0x10080000, 16}, {0x10090000, 21},
+        {0x100a0000, 17}, {0x100b0000, 46}, {0x100c0000, 3},  {0x100d0000, 5},  {0x100e0000, 8},
+        {0x100f0000, 6},  {0x10100000, 1},  {0x10110000, 3},  {0x10120000, 5},  {0x10130000, 10},
+        {0x10140000, 6},  {0x10150000, 5},  {0x10160000, 11}, {0x10170000, 6},  {0x10180000, 2},
+        {0x10190000, 3},  {0x101a0000, 1},  {0x101b0000, 2},  {0x101c0000, 7},  {0x101d0000, 4},
+        {0x101e0000, 8},  {0x101f0000, 2},  {0x90000000, 2},  {0x90010000, 1},  {0x90020000, 1},
+        {0x91000000, 256}, {0x91010000, 184}, {0x91020000, 17}, {0x91040000, 2}, {0xa0000000, 21},
+        {0xa0010000, 30}, {0xa0020000, 12}, {0xa0030000, 102}, {0xa0040000, 1}, {0xa0060000, 8},
+        {0xa0070000, 47}, {0xa0080000, 6},  {0xa0090000, 3},  {0xa00a0000, 5},  {0xa00b0000, 10},
+        {0xa00c0000, 5},  {0xa00d0000, 1},  {0xa00e0000, 8},  {0xa00f0000, 1},  {0xa0100000, 2},
+        {0xa0110000, 40}, {0xa0120000, 2},  {0xa0130000, 26}, {0xa0140000, 38}, {0xd0000000, 64},
+        {0xd0010000, 7},  {0xd0020000, 35}, {0xd0030000, 6},  {0xd0040000, 2},  {0xd0050000, 6},
+        {0xd0060000, 9},  {0xd0070000, 1}};
+    std::vector<uint32_t> inMap;
+    for (const auto& [start, slots] : sections)
+        for (uint32_t i = 0; i < slots; ++i)
+            if (std::find(used.begin(), used.end(), start + i) == used.end())
+                inMap.push_back(start + i);
+    std::vector<Sized> out;
+    size_t nextInMap = 0;
+    uint32_t nextPast = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const Tag& like = base[i % base.size()];
+        uint32_t tag;
+        if (i < base.size())
+            tag = like.tag;
+        else if (i % 4 == 3 || nextInMap == inMap.size())
+            tag = 0x7F000000u + nextPast++;  // section 0xF00 of group 7: past the map
+        else
+            tag = inMap[nextInMap++];
+        out.push_back(Sized{tag, like.kind, like.count});
+    }
+    return out;
+}
+
+IMetadata makeSized(size_t n) {
+    IMetadata meta;
+    for (const Sized& s : sizedRequest(n)) fill(meta, Tag{s.tag, s.kind, s.count, true, false});
+    return meta;
+}
+
 IMetadata makeMergeSource() {
     IMetadata meta;
     for (const Tag& t : workload())
@@ -285,6 +404,10 @@ struct Setup {
 
 //------------------------------------------------------------------------------------------
 // The floor every figure is quoted against.
+
+void BM_HeapHeld120(benchmark::State& state);
+// First, before any table has been pooled.
+BENCHMARK(BM_HeapHeld120)->Iterations(1);
 
 void BM_Floor_MutexLockUnlock(benchmark::State& state) {
     std::mutex m;
@@ -383,15 +506,60 @@ void BM_SetEntryExisting(benchmark::State& state) {
 }
 BENCHMARK(BM_SetEntryExisting);
 
-// A new request: 120 entries built and stored one by one, then the container destroyed.
+// A new request: 120 entries stored one by one as a component writes its controls (setEntry
+// for single values, an entry for each array), then the container destroyed.
 void BM_Build120(benchmark::State& state) {
+    AllocCounter allocs(state);
+    for (auto _ : state) {
+        IMetadata meta = makeRequestBySetEntry();
+        benchmark::DoNotOptimize(meta);
+    }
+}
+BENCHMARK(BM_Build120);
+
+// The same request with an entry for every tag: IEntry, push_back, update.
+void BM_Build120Entries(benchmark::State& state) {
     AllocCounter allocs(state);
     for (auto _ : state) {
         IMetadata meta = makeRequest();
         benchmark::DoNotOptimize(meta);
     }
 }
-BENCHMARK(BM_Build120);
+BENCHMARK(BM_Build120Entries);
+
+// An entry handed out and one value read from it: entryFor, itemAt, cycling over the 120 tags.
+void BM_EntryForItemAt(benchmark::State& state) {
+    const IMetadata meta = makeRequest();
+    const std::vector<Tag> tags = requestTags();
+    size_t i = 0;
+    long sum = 0;
+    AllocCounter allocs(state);
+    for (auto _ : state) {
+        const Tag& t = tags[i];
+        const IMetadata::IEntry entry = meta.entryFor(t.tag);
+        switch (t.kind) {
+            case Kind::U8:
+                sum += entry.itemAt(0, Type2Type<unsigned char>());
+                break;
+            case Kind::I32:
+                sum += entry.itemAt(0, Type2Type<int>());
+                break;
+            case Kind::I64:
+                sum += entry.itemAt(0, Type2Type<long>());
+                break;
+            case Kind::F32:
+                sum += static_cast<long>(entry.itemAt(0, Type2Type<float>()));
+                break;
+            case Kind::Rect:
+                sum += entry.itemAt(0, Type2Type<MRect>()).s.w;
+                break;
+        }
+        if (++i == tags.size()) i = 0;
+    }
+    benchmark::DoNotOptimize(sum);
+    failIfMissing(state, meta.entryFor(tags[0].tag).tag() == tags[0].tag);
+}
+BENCHMARK(BM_EntryForItemAt);
 
 // Keeping a request: copy construct, then destroy the copy.
 void BM_Copy(benchmark::State& state) {
@@ -462,6 +630,76 @@ void BM_Merge20(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Merge20);
+
+// Growth: requests of N entries (the workload's mix, in-map and past-map tags). A first write
+// after a copy should cost a chunk of rows, not the table; flatten and rebuild should cost the
+// same per entry at any size.
+void BM_CopyFirstWriteN(benchmark::State& state) {
+    const IMetadata meta = makeSized(static_cast<size_t>(state.range(0)));
+    AllocCounter allocs(state);
+    for (auto _ : state) {
+        IMetadata copy(meta);
+        IMetadata::setEntry<unsigned char>(&copy, 0x0001000d, 2);  // capture intent
+        benchmark::DoNotOptimize(copy);
+    }
+}
+BENCHMARK(BM_CopyFirstWriteN)->Arg(30)->Arg(120)->Arg(500)->Arg(2000);
+
+void BM_FlattenN(benchmark::State& state) {
+    const IMetadata meta = makeSized(static_cast<size_t>(state.range(0)));
+    std::vector<uint8_t> bytes(static_cast<size_t>(meta.flattenSize()));
+    long written = 0;
+    AllocCounter allocs(state);
+    for (auto _ : state) {
+        written = meta.flatten(bytes.data(), bytes.size());
+        benchmark::DoNotOptimize(bytes.data());
+    }
+    failIfMissing(state, written == static_cast<long>(bytes.size()));
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_FlattenN)->Arg(30)->Arg(120)->Arg(500)->Arg(2000);
+
+void BM_CheckRebuildN(benchmark::State& state) {
+    const IMetadata meta = makeSized(static_cast<size_t>(state.range(0)));
+    std::vector<uint8_t> bytes(static_cast<size_t>(meta.flattenSize()));
+    meta.flatten(bytes.data(), bytes.size());
+    bool ok = true;
+    AllocCounter allocs(state);
+    for (auto _ : state) {
+        ok &= NSCam::checkFlatMetadata(bytes.data(), bytes.size()).ok;
+        IMetadata received(bytes.data(), bytes.size());
+        benchmark::DoNotOptimize(received);
+    }
+    failIfMissing(state, ok && IMetadata(bytes.data(), bytes.size()).count() == meta.count());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_CheckRebuildN)->Arg(30)->Arg(120)->Arg(500)->Arg(2000);
+
+// The heap a built request holds, against its flat size (counters held_bytes, flat_bytes,
+// held_per_flat_byte). Measured once, the first time this runs in the process, before any
+// other benchmark has filled the library's pools: on a fresh thread (whose block caches start
+// empty), the request is built into a container that outlives the thread; what the heap holds
+// after the thread is gone (its caches given back) and before the container is destroyed is the
+// container's. Time figures of this benchmark mean nothing.
+void BM_HeapHeld120(benchmark::State& state) {
+    static const std::pair<int64_t, int64_t> weighed = [] {
+        std::thread([] { delete new IMetadata(makeRequest()); }).join();  // per-thread records
+        gWeighing.store(true);
+        const int64_t before = gLive.load();
+        IMetadata* meta = nullptr;
+        std::thread([&meta] { meta = new IMetadata(makeRequest()); }).join();
+        const int64_t held = gLive.load() - before;
+        gWeighing.store(false);
+        const int64_t flat = meta->flattenSize();
+        delete meta;
+        return std::make_pair(held, flat);
+    }();
+    for (auto _ : state) benchmark::DoNotOptimize(weighed);
+    state.counters["held_bytes"] = static_cast<double>(weighed.first);
+    state.counters["flat_bytes"] = static_cast<double>(weighed.second);
+    state.counters["held_per_flat_byte"] =
+        static_cast<double>(weighed.first) / static_cast<double>(weighed.second);
+}
 
 // Many camera threads reading controls of one shared request.
 void BM_GetEntryShared(benchmark::State& state) {

@@ -22,15 +22,19 @@ struct MetadataInspector {
     static std::shared_ptr<IMetadata::Content> content(const IMetadata::IEntry& e) {
         return e.mContentPtr;
     }
-    // A table's slot array (null while its few rows are looked at instead).
-    static const Table::Slots* slots(const Table& t) { return t.mSlots.load(); }
+    // A table's slot index (null while its few rows are looked at instead).
+    static const Table::Index* index(const Table& t) {
+        const Table::Directory* d = t.mDirectory.load();
+        return d != nullptr ? itemtable::indexOf(d) : nullptr;
+    }
     // Index entries in use: slots that name a row, and side entries.
     static size_t indexed(const Table& t) {
-        const Table::Slots* s = t.mSlots.load();
-        if (s == nullptr) return t.size();
-        const auto used = std::count_if(std::begin(s->rows), std::end(s->rows),
+        const Table::Index* ix = index(t);
+        if (ix == nullptr) return t.size();
+        const uint16_t* rows = ix->pages();
+        const auto used = std::count_if(rows, rows + ix->used * Table::Index::kPageSlots,
                                         [](uint16_t r) { return r != Table::kNoRow; });
-        const Table::Side* side = t.mSide.load();
+        const Table::Side* side = itemtable::sideOf(t.mDirectory.load());
         return static_cast<size_t>(used) + (side ? side->count.load() : 0);
     }
 };

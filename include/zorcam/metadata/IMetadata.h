@@ -22,6 +22,8 @@
 namespace NSCam {
 
 struct MetadataInspector;  // test access to internals; defined by the tests only
+struct RowView;            // what one row of a table holds (private to the library)
+struct RowValue;           // a value to file in a row (private to the library)
 
 class ZORCAM_EXPORT IMetadata {
 public:
@@ -167,22 +169,22 @@ public:
 
         // Rows in insertion order (a removal moves the last row into the hole), found in
         // constant time: through a fixed slot map of the known tags (a small side index for
-        // the others), or, in a table of a few rows, by looking at them. Copies share rows until
-        // one side changes them; slot arrays are pooled process-wide in sBufferQueue. Not
-        // thread-safe: used under the lock of the container that holds it (readers without the lock
-        // use find(), see below).
+        // the others), or, in a table of a few rows, by looking at them. Basic values live
+        // beside their rows in the flat form's record layout; copies share rows until one side
+        // changes them. Not thread-safe: used under the lock of the container that holds it
+        // (readers without the lock use readValue(), see below).
         class ItemTable {
         public:
             static constexpr uint32_t kSlotCount = 1610;
             static constexpr uint16_t kNoRow = 0xFFFF;
             // Row numbers are 16-bit and the flat form counts records in 15 bits.
             static constexpr size_t kMaxRows = static_cast<size_t>(flat::kMaxRecords);
-            // Tables of up to this many rows need no slot array.
+            // Tables of up to this many rows need no index.
             static constexpr size_t kScanRows = 16;
 
             struct Chunk;
             struct Directory;
-            struct Slots;
+            struct Index;
             struct Side;
             struct BufferQueue;
             static BufferQueue sBufferQueue;
@@ -197,68 +199,74 @@ public:
             bool remove(uint32_t tag);
             uint16_t getIndexByTag(uint32_t tag) const;
             // Inserts or replaces; false only when a new row would exceed kMaxRows. An
-            // allocation failure leaves the table as it was.
+            // allocation failure leaves the table as it was. Basic values of a content marked
+            // shared are copied into the row; any other content is kept by the row.
             bool update(uint32_t tag, const std::shared_ptr<Content>& content);
             bool update(uint32_t tag, std::shared_ptr<Content>&& content);
             bool update(const Item& item);
 
             size_t size() const { return mSize.load(std::memory_order_relaxed); }
-            // Row `row` (below size()): its tag, its content read in place (valid until the
-            // table changes), or its content shared (kept alive by the reference).
+            // Row `row` (below size()): its tag, its content (made from the row's values the
+            // first time one is asked for, and the row's until the row changes) read in place,
+            // or shared.
             uint32_t tagAt(size_t row) const;
             Content* contentAt(size_t row) const;
             std::shared_ptr<Content> contentSPAt(size_t row) const;
 
-            // The library's own fast paths (defined inline with the table's insides, for its
-            // loops): the row of a tag (kNoRow), a row's tag and content, every row in order
-            // as fn(tag, content).
+            // The library's own paths (defined with the table's insides): the row of a tag
+            // (kNoRow), a row's tag and what it holds, every row in order as fn(RowView).
             inline uint16_t rowOf(uint32_t tag) const;
             inline uint32_t rowTag(size_t row) const;
-            inline Content* rowContent(size_t row) const;
+            inline RowView rowAt(size_t row) const;
             template <typename Fn>
             void forEachRow(Fn&& fn) const;
+            // Inserts or replaces the row of `tag` (see update); a value of the same type and
+            // count as the row's is written in place.
+            bool put(uint32_t tag, RowValue&& value);
+            // Rows of `other` laid over this table's, as a merge does: false for a tag that
+            // would exceed kMaxRows (reported by `refused(tag)`; the others still merge).
+            template <typename Refused>
+            void merge(const ItemTable& other, Refused&& refused);
+            // Bytes of the records of every row when no row is held by a content (the block's
+            // size less its header), else kHeldByContents.
+            static constexpr size_t kHeldByContents = SIZE_MAX;
+            size_t recordBytes() const;
+            // Those records, back to back at `out`, when they fit `room`: false (nothing
+            // written) when a row is held by a content or they do not fit.
+            bool copyRecords(uint8_t* out, size_t room, size_t& written) const;
+            // fn(content) for each row held by a content, in row order, until fn answers
+            // other than its type's default; that answer.
+            template <typename Fn>
+            auto forEachObject(Fn&& fn) const -> decltype(fn(nullptr));
 
             // For a reader without the container's lock, inside a readers::Section and a
-            // check of the container's sequence count: the row of `tag` (its content may be
-            // null), no row, or "unsure" (take the lock). Reads only atomics.
-            enum class Found { kRow, kAbsent, kUnsure };
-            Found find(uint32_t tag, const Content*& content) const;
+            // check of the container's sequence count: element `index` of `tag`, `size` bytes
+            // of basic type `type`, copied to `out`. kAbsent: no such tag or element (or a row
+            // without values); kUnsure: take the lock (also for what the locked path must
+            // report). Reads only what writers replace or write under the count.
+            enum class Found { kValue, kAbsent, kUnsure };
+            Found readValue(uint32_t tag, int32_t type, size_t index, void* out,
+                            size_t size) const;
             // From now on readers without a lock may be following this table: what it drops
             // is retired (readers::retire), not released at once.
             void publish() { mPublished.store(true, std::memory_order_relaxed); }
             bool published() const { return mPublished.load(std::memory_order_relaxed); }
 
-            // Decoding into an empty table: rows whose contents live in one block (kept alive
-            // by `block`) are placed, in order, in chunks of that block, adopted in order.
-            void adoptChunk(const std::shared_ptr<void>& block, size_t index, Chunk* chunk);
-            // Readies an empty table for `records` decoded records.
-            void beginDecoded(size_t records);
-            // Inserts or replaces the row of `tag` with a content of the adopted block.
-            inline void putDecoded(uint32_t tag, Content* content);
+            // Decoding into an empty table, from the records of a storage block at
+            // buf[begin, size): the rows, or false when a record needs the sequential decoder
+            // (one that is refused, or that it must report on). `end` receives where the
+            // block ended.
+            bool decode(const uint8_t* buf, size_t size, size_t begin, size_t records,
+                        size_t& end);
+
+            struct Impl;  // the table's insides, in ItemTable.cpp
 
         private:
             friend struct ::NSCam::MetadataInspector;
-            inline Chunk* chunkAt(size_t row) const;
-            inline uint16_t sideRowOf(uint32_t tag) const;
-            Chunk* writableChunk(size_t index);
-            void growDirectory(size_t chunks);
-            void buildSlots();
-            Slots* writableSlots();
-            void setIndex(uint32_t tag, uint16_t row);
-            void dropIndex(uint32_t tag);
-            void dropChunk(std::shared_ptr<Chunk>&& chunk);
-            void dropContent(std::shared_ptr<Content>&& content);
-            void dropSlots(Slots* slots);
-            Side* writableSide(uint32_t room);
-            void putDecodedOutside(uint32_t tag, uint16_t row);
-            void prepareIndex(uint32_t tag, uint32_t room);
-            void reset();
+            bool mergeRow(const ItemTable& other, size_t row);
 
             std::atomic<Directory*> mDirectory;  // null until the first row
             std::atomic<uint32_t> mSize;
-            std::atomic<Slots*> mSlots;  // null while the table is small enough to look at
-            // Tags without a slot, sorted, with their rows (only while there are slots).
-            std::atomic<Side*> mSide;
             // Set by every container that holds the table (copies of one container on other
             // threads too): atomic.
             std::atomic<bool> mPublished;
@@ -382,9 +390,9 @@ private:
     // Under mLock, as a write: `storage` becomes this container's; the old one is released
     // once no reader without the lock can still be in it.
     void installLocked(std::shared_ptr<Storage> storage) const;
-    // Files `content` under `tag` under the lock: the one store behind both public updates
-    // and setEntry (an overload, so that its log lines name "update" as callers grep for).
-    int update(uint32_t tag, std::shared_ptr<Content>&& content);
+    // Files `value` under `tag` under the lock: the one store behind both public updates and
+    // setEntry (an overload, so that its log lines name "update" as callers grep for).
+    int update(uint32_t tag, RowValue&& value);
     // Reads element `index` of `tag`, of basic type `type` and `size` bytes, without the lock:
     // 1 stored in `out`, 0 absent (or fewer elements), -1 when the locked path must answer
     // (a writer was busy, or the read would fail and report).

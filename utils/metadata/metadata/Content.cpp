@@ -13,7 +13,6 @@
 #include "FlatBytes.h"
 #include "Nested.h"
 #include "Pool.h"
-#include "Readers.h"
 
 namespace NSCam {
 
@@ -94,17 +93,13 @@ Content::Content() {
 Content::Content(const void* buf, size_t size, int& err) : Content() {
     // A record decoded on its own starts a decode: the limits on nesting count from here.
     const flat::DecodeScope scope;
-    construct(buf, size, err, nullptr);
+    construct(buf, size, err);
 }
 
-Content::Content(const void* buf, size_t size, int& err, Arena* arena) : Content() {
-    construct(buf, size, err, arena);
-}
-
-void Content::construct(const void* buf, size_t size, int& err, Arena* arena) {
+void Content::construct(const void* buf, size_t size, int& err) {
     err = 0;
     flat::Reader r(buf, size);
-    if (unflattenPayload(r, arena) < 0) {
+    if (unflattenPayload(r) < 0) {
         META_LOGE_AS("Content", "unflatten error %p, size %zu", buf, size);
         err = 1;
         clear();
@@ -147,12 +142,44 @@ Content::~Content() {
     if (mHeld != Held::kNothing) releaseArrays();
 }
 
+// Contents are never read by readers without the lock (they read the table's records), so
+// a content goes as soon as its last holder lets go of it.
 std::shared_ptr<Content> Content::make() {
-    return std::allocate_shared<Content>(readers::DeferredAllocator<Content>());
+    return std::allocate_shared<Content>(pool::PoolAllocator<Content>());
 }
 
 std::shared_ptr<Content> Content::copyOf(Content& other) {
-    return std::allocate_shared<Content>(readers::DeferredAllocator<Content>(), other);
+    return std::allocate_shared<Content>(pool::PoolAllocator<Content>(), other);
+}
+
+std::shared_ptr<Content> Content::ofValues(int32_t type, int32_t count, const uint8_t* payload,
+                                           size_t bytes) {
+    std::shared_ptr<Content> c = make();
+    c->mType = type;
+    c->mCount = count;
+    if (count == 1) {
+        std::memcpy(c->mInlineData, payload, bytes);
+    } else if (count > 1) {
+        c->reserveBytes(bytes, 0);
+        c->mHeld = Held::kBytes;
+        std::memcpy(c->mBytes, payload, bytes);
+    }
+    c->markReadOnly();
+    return c;
+}
+
+std::shared_ptr<Content> Content::decoded(const void* buf, size_t size) {
+    std::shared_ptr<Content> c = make();
+    const bool trusted = std::exchange(flat::tDecode.trusted, true);
+    int err = 0;
+    try {
+        c->construct(buf, size, err);
+    } catch (...) {
+        flat::tDecode.trusted = trusted;
+        throw;
+    }
+    flat::tDecode.trusted = trusted;
+    return c;
 }
 
 void Content::releaseArrays() {
@@ -428,10 +455,10 @@ long Content::flatten(void* buf, size_t capacity) const {
 }
 
 long Content::flatten(flat::Writer& w) const {
-    w.putU32(kPattern);
-    w.putU32(static_cast<uint32_t>(mType));
-    w.putU32(static_cast<uint32_t>(mCount));
-    if (mCount != 0) {
+    if (mCount != 0 && (mType == TYPE_Memory || mType == TYPE_IMetadata)) {
+        w.putU32(kPattern);
+        w.putU32(static_cast<uint32_t>(mType));
+        w.putU32(static_cast<uint32_t>(mCount));
         if (mType == TYPE_Memory) {
             if (mHeld != Held::kBlobs) META_FATAL("mMemSP is nullptr but mCount >0");
             for (const Memory& element : *blobs()) {
@@ -446,7 +473,7 @@ long Content::flatten(flat::Writer& w) const {
                 w.putU32(static_cast<uint32_t>(n));
                 if (n) w.put(bytes, n);
             }
-        } else if (mType == TYPE_IMetadata) {
+        } else {
             if (mHeld != Held::kStorages) META_FATAL("mMetaSP is nullptr but mCount >0");
             for (const auto& storage : *storages()) {
                 if (!storage) {
@@ -464,19 +491,38 @@ long Content::flatten(flat::Writer& w) const {
                 w.putU32(static_cast<uint32_t>(written));
                 w.pos += static_cast<size_t>(written);
             }
-        } else {
-            if (mType == -1) META_FATAL("mType should valid");
-            const size_t e = static_cast<size_t>(_typeSize());
-            if (mHeld == Held::kBytes)
-                w.put(mBytes, e * static_cast<size_t>(mCount));
-            else if (mCount == 1)
-                w.put(mInlineData, e);
-            else
-                META_FATAL("mCount >1 but mBasicDataSP is nullptr");
         }
+        return finishRecord(w);
     }
+    size_t n = 0;
+    const uint8_t* payload = nullptr;
+    if (mCount != 0) {
+        if (mType == -1) META_FATAL("mType should valid");
+        n = static_cast<size_t>(_typeSize()) * static_cast<size_t>(mCount);
+        if (mHeld == Held::kBytes)
+            payload = mBytes;
+        else if (mCount == 1)
+            payload = mInlineData;
+        else
+            META_FATAL("mCount >1 but mBasicDataSP is nullptr");
+    }
+    return flattenValues(w, mType, mCount, payload, n);
+}
+
+long Content::flattenValues(flat::Writer& w, int32_t type, int32_t count, const uint8_t* payload,
+                            size_t bytes) {
+    w.putU32(kPattern);
+    w.putU32(static_cast<uint32_t>(type));
+    w.putU32(static_cast<uint32_t>(count));
+    if (bytes != 0) w.put(payload, bytes);
+    return finishRecord(w);
+}
+
+// Every record is judged once it is written, as a whole: a record that did not fit its capacity
+// is reported and refused.
+long Content::finishRecord(const flat::Writer& w) {
     if (w.overflowed()) {
-        META_LOGE("out of buffer %p, %p", w.at(w.pos), w.at(w.capacity));
+        META_LOGE_AS("flatten", "out of buffer %p, %p", w.at(w.pos), w.at(w.capacity));
         return -1;
     }
     return static_cast<long>(w.pos);
@@ -485,7 +531,7 @@ long Content::flatten(flat::Writer& w) const {
 long Content::unflatten(const void* buf, size_t size) {
     const flat::DecodeScope scope;
     flat::Reader r(buf, size);
-    return unflattenPayload(r, nullptr);
+    return unflattenPayload(r);
 }
 
 namespace {
@@ -500,7 +546,7 @@ long outOfBuffer(const flat::Reader& r, size_t needed) {
 
 }  // namespace
 
-long Content::unflattenPayload(flat::Reader& r, Arena* arena) {
+long Content::unflattenPayload(flat::Reader& r) {
     if (!r.has(4)) return outOfBuffer(r, kHeaderSize);
     const uint32_t pattern = r.u32();
     if (pattern != kPattern) {
@@ -520,7 +566,7 @@ long Content::unflattenPayload(flat::Reader& r, Arena* arena) {
         META_LOGE_AS("unflatten", "mType hould valid!");
         return -1;
     }
-    return unflattenBasic(r, count, arena);
+    return unflattenBasic(r, count);
 }
 
 long Content::unflattenBlobs(flat::Reader& r, size_t count) {
@@ -571,18 +617,12 @@ long Content::unflattenStorages(flat::Reader& r, size_t count) {
     return static_cast<long>(r.pos);
 }
 
-long Content::unflattenBasic(flat::Reader& r, size_t count, Arena* arena) {
+long Content::unflattenBasic(flat::Reader& r, size_t count) {
     const size_t e = static_cast<size_t>(_typeSize());  // fatal for a corrupt type code
     const size_t n = e * count;
     if (!r.has(n)) return outOfBuffer(r, n);
     if (count == 1) {
         std::memcpy(mInlineData, r.here(), e);
-    } else if (arena != nullptr && n > kInlineSize) {
-        releaseArrays();
-        mBytes = const_cast<uint8_t*>(r.here());  // gathered by the block's decoder
-        mCapacity = n;
-        mHeld = Held::kBytes;
-        arena->pending += n;
     } else {
         reserveBytes(n, 0);
         mHeld = Held::kBytes;

@@ -35,41 +35,10 @@ public:
         kBlobs,     // blobs: std::vector<Memory> (mObjects)
     };
 
-    // For a content decoded into a block with others: arrays that do not fit in place are
-    // left pointing into the input (whose bounds these are) and counted, for the decoder of
-    // the block to gather into one allocation for all of them once the block is read.
-    struct Arena {
-        const uint8_t* inputBegin;
-        const uint8_t* inputEnd;
-        size_t pending;
-    };
-
     Content();
     // From one flat content record; `err` is 1 when the record was refused (the content is
     // then empty, type -1).
     Content(const void* buf, size_t size, int& err);
-    // As above, leaving arrays that do not fit in place to `arena`.
-    Content(const void* buf, size_t size, int& err, Arena* arena);
-    // A record of a basic type (or of no elements) whose header and payload the decoder of a
-    // block has checked: `n` payload bytes at `payload`. Read-only, as every decoded content.
-    Content(int32_t type, int32_t count, const uint8_t* payload, size_t n, Arena* arena)
-        : mType(type), mCount(count), mReadOnly(1) {
-        countBy(1);
-        if (count == 1) {
-            std::memcpy(mInlineData, payload, n);
-        } else if (count > 1) {
-            if (n <= kInlineSize) {
-                mBytes = mInlineData;
-                mCapacity = kInlineSize;
-                std::memcpy(mBytes, payload, n);
-            } else {
-                mBytes = const_cast<uint8_t*>(payload);  // gathered by the block's decoder
-                mCapacity = n;
-                arena->pending += n;
-            }
-            mHeld = Held::kBytes;
-        }
-    }
     // A writable copy: new arrays, shared blob bytes and shared nested storages.
     Content(Content& other);
     ~Content();
@@ -79,6 +48,13 @@ public:
     // reference counts: no heap allocation in the steady state.
     static std::shared_ptr<Content> make();
     static std::shared_ptr<Content> copyOf(Content& other);
+    // The values of a table's row, as a content marked shared: `count` elements of `type`,
+    // `bytes` bytes at `payload`.
+    static std::shared_ptr<Content> ofValues(int32_t type, int32_t count, const uint8_t* payload,
+                                             size_t bytes);
+    // A content record that the walk of the flat form has checked (FlatWalk.h), as the
+    // decoder of a block reads it: it decodes without a report.
+    static std::shared_ptr<Content> decoded(const void* buf, size_t size);
 
     bool clear();
     int32_t _typeSize() const;
@@ -105,6 +81,11 @@ public:
     long flatten(void* buf, size_t capacity) const;
     // The record at the writer's position, as part of a larger block.
     long flatten(flat::Writer& w) const;
+    // The record of `count` basic elements of `type` (`bytes` bytes at `payload`) at the
+    // writer's position: what flatten() writes for such a content, with its report when it
+    // does not fit.
+    static long flattenValues(flat::Writer& w, int32_t type, int32_t count,
+                              const uint8_t* payload, size_t bytes);
     long unflatten(const void* buf, size_t size);
 
     bool isReadOnly() const { return mReadOnly.load(std::memory_order_relaxed) != 0; }
@@ -137,27 +118,28 @@ public:
     // entries on different locks may mark one shared content at the same time.
     std::atomic<int32_t> mReadOnly{0};
     Held mHeld = Held::kNothing;
-    // mBytes is this content's own heap array (not in place, not an arena's).
+    // mBytes is this content's own heap array (not in place).
     bool mBytesOwned = false;
     size_t mCapacity = 0;       // bytes mBytes can hold without moving
-    uint8_t* mBytes = nullptr;  // the byte array: mInlineData, a heap array or an arena's bytes
+    uint8_t* mBytes = nullptr;  // the byte array: mInlineData or a heap array
     void* mObjects = nullptr;   // the vector of storages or of blobs
     alignas(8) uint8_t mInlineData[kInlineSize];
 
 private:
-    void construct(const void* buf, size_t size, int& err, Arena* arena);
+    void construct(const void* buf, size_t size, int& err);
     void releaseArrays();
     bool updateStorages(bool append, size_t start, const void* data, size_t size);
     bool updateBlobs(bool append, size_t start, const void* data, size_t size);
     bool updateBytes(bool append, size_t start, const void* data, size_t size);
     // Room for `bytes` in the byte array, keeping its first `keep` bytes.
     void reserveBytes(size_t bytes, size_t keep);
-    long unflattenPayload(flat::Reader& r, Arena* arena);
+    long unflattenPayload(flat::Reader& r);
     // The payload of each kind of record, after its header.
     long unflattenBlobs(flat::Reader& r, size_t count);
     long unflattenStorages(flat::Reader& r, size_t count);
-    long unflattenBasic(flat::Reader& r, size_t count, Arena* arena);
+    long unflattenBasic(flat::Reader& r, size_t count);
     bool refuseElement(int index, int type, const char* operation) const;
+    static long finishRecord(const flat::Writer& w);
 };
 
 // Applies a macro to each of the eleven stored element types.

@@ -21,6 +21,8 @@ struct DecodeState {
     int scopes = 0;     // decoders entered and not yet left
     int depth = 0;      // nested containers open
     size_t nested = 0;  // nested containers decoded since the decode started
+    // Decoding bytes the walk has checked already (FlatWalk.h): they decode without a report.
+    bool trusted = false;
 };
 inline thread_local DecodeState tDecode;
 

@@ -1,185 +1,235 @@
 #pragma once
-// The inside of the tag table: the fixed slot map, the chunks rows live in, the directory of
-// chunks, the slot array and its process-wide pool.
+// The inside of the tag table: rows in chunks of 16 whose values lie in the flat form's own
+// record layout, the directory of chunks, the paged slot index and the side index.
 //
-// A tag reads as group (bits 31..28), section (27..16) and index (15..0); every known section
-// owns a run of slots in one array of 1,610 row numbers. A table of up to kScanRows rows has
-// no slot array and finds a tag by looking at its rows; a larger one indexes every tag of the
-// map by its slot and the others in a small sorted side index.
+// A row's values are one record of the flat form, kept in its chunk beside the records of the
+// chunk's other rows, in row order and back to back:
 //
-// Rows live in chunks of kRows. Copies of a table share chunks (and the slot array) and copy
-// one only when they change it: the first write after a copy costs one chunk, not the table.
-// A copied chunk borrows the rows of the chunk it was copied from (it holds that chunk, not a
-// reference per row), and a decoded table's chunks borrow rows from the block they were
-// decoded into.
+//   tag (u32), length L (u32), then L bytes: pattern, type, count, payload
 //
-// Every field that a reader without the container's lock follows is an atomic, written by
-// writers with plain (relaxed or release) stores under the lock; what such a reader may still
-// reach is released through readers::retire once the table is published.
+// exactly as flatten() writes it, so that a chunk of basic values is written out by one copy.
+// A row without content is its 8-byte head with L = 0. Blobs, nested containers and contents
+// a caller filed without marking them shared stay objects: such a row's record is a head
+// whose length is kObjectRow, and the chunk's holders keep the content. A Content for a row of
+// bytes is made only when a caller asks for one, and kept with the row until the row changes.
+//
+// Copies of a table share their directory; the first change makes a directory of its own that
+// borrows the other's chunks (one reference, not one per chunk), and then a chunk of its own
+// for each chunk it changes: a first write after a copy costs one chunk, not the table.
+//
+// A table of up to kScanRows rows has no index and finds a tag by looking at its rows; a
+// larger one finds every tag of the slot map through a paged slot index (pages of 32 slots,
+// made only for the runs of slots its tags use) and the others through a small sorted side
+// index.
+//
+// Readers without the container's lock follow the directory, the index, a chunk's offsets and
+// its records. What they follow is replaced, never changed, except for the payload of a record
+// (same type, same count), which a writer changes in place under the container's sequence
+// count. Whatever a published table drops is released through readers::retire.
 #include <zorcam/metadata/IMetadata.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "Content.h"
+#include "FlatBytes.h"
+#include "SlotMap.h"
 
 namespace NSCam {
-namespace slotmap {
-
-constexpr uint32_t kNone = 0xFFFFFFFFu;
-constexpr uint32_t kSlotCount = IMetadata::Storage::ItemTable::kSlotCount;
-constexpr uint32_t kSectionEntries = 358;
-
-// First section-table entry of each group. Groups 1 to 8 share one base on purpose, and so
-// share their slots (0x10010000 and 0x80010000 address one row); so do 10-12 and 13-15.
-constexpr uint32_t kGroupBase[16] = {0,  36, 36,  36,  36,  36,  36,  36,
-                                     36, 68, 329, 329, 329, 350, 350, 350};
-// Sections that exist in each group's range of the section table.
-constexpr uint32_t kGroupSections[16] = {36, 32,  32, 32, 32, 32, 32, 32,
-                                         32, 261, 21, 21, 21, 8,  8,  8};
-
-struct SectionTable {
-    uint32_t start[kSectionEntries];  // first slot, kNone when the section does not exist
-    uint32_t slots[kSectionEntries];  // slots owned: distance to the next-higher start
-};
-
-constexpr SectionTable makeSectionTable() {
-    SectionTable t{};
-    for (uint32_t i = 0; i < kSectionEntries; ++i) t.start[i] = kNone;
-    constexpr uint32_t group0[36] = {0,   5,   64,  65,  68,  74,  78,  80,  90,    106, 114, 117,
-                                     122, 144, 183, 217, 240, 243, 268, 277, 285,   287, 291, 292,
-                                     294, 296, 311, 314, 316, 322, 324, 325, kNone, 326, 463, 174};
-    constexpr uint32_t group1to8[32] = {332, 356, 395, 358, 405, 413, 415, 374, 379, 467, 488,
-                                        505, 551, 554, 559, 567, 579, 580, 583, 588, 573, 598,
-                                        603, 614, 620, 622, 629, 630, 632, 625, 639, 647};
-    constexpr uint32_t group10to12[21] = {779,  800,  830,  842,  944,  kNone, 945,
-                                          953,  1000, 1006, 1009, 1014, 1024,  1029,
-                                          1030, 1038, 1039, 1041, 1081, 1083,  1109};
-    constexpr uint32_t group13to15[8] = {649, 713, 720, 755, 761, 763, 769, 778};
-    for (uint32_t i = 0; i < 36; ++i) t.start[0 + i] = group0[i];
-    for (uint32_t i = 0; i < 32; ++i) t.start[36 + i] = group1to8[i];
-    t.start[68 + 0x000] = 1147;
-    t.start[68 + 0x001] = 1149;
-    t.start[68 + 0x002] = 1150;
-    t.start[68 + 0x100] = 1151;
-    t.start[68 + 0x101] = 1407;
-    t.start[68 + 0x102] = 1591;
-    t.start[68 + 0x104] = 1608;
-    for (uint32_t i = 0; i < 21; ++i) t.start[329 + i] = group10to12[i];
-    for (uint32_t i = 0; i < 8; ++i) t.start[350 + i] = group13to15[i];
-    // The starts are not in section order: each section owns the slots from its start up
-    // to the next-higher start of any section.
-    for (uint32_t i = 0; i < kSectionEntries; ++i) {
-        t.slots[i] = 0;
-        if (t.start[i] == kNone) continue;
-        uint32_t next = kSlotCount;
-        for (uint32_t j = 0; j < kSectionEntries; ++j)
-            if (t.start[j] != kNone && t.start[j] > t.start[i] && t.start[j] < next)
-                next = t.start[j];
-        t.slots[i] = next - t.start[i];
-    }
-    return t;
-}
-
-inline constexpr SectionTable kSections = makeSectionTable();
-
-// The slot of a tag, or kNone for a tag outside the map.
-constexpr uint32_t slotOf(uint32_t tag) {
-    const uint32_t group = tag >> 28;
-    const uint32_t section = (tag >> 16) & 0xFFF;
-    const uint32_t index = tag & 0xFFFF;
-    if (section >= kGroupSections[group]) return kNone;
-    const uint32_t entry = kGroupBase[group] + section;
-    if (kSections.start[entry] == kNone || index >= kSections.slots[entry]) return kNone;
-    return kSections.start[entry] + index;
-}
-
-static_assert(slotOf(0x00000000) == 0 && slotOf(0x00230000) == 174, "section 0x23 of group 0");
-static_assert(slotOf(0x10010000) == slotOf(0x80010000), "groups 1 to 8 share their slots");
-static_assert(slotOf(0x00040005) == 73 && slotOf(0x00040006) == kNone,
-              "a tag past its section's slots must not alias the next section");
-static_assert(slotOf(0x91040001) == 1609 && slotOf(0x91040002) == kNone, "the last slots");
-
-}  // namespace slotmap
 
 using Content = IMetadata::Content;
 
-// Rows of one chunk: kRows of them, or as many as a decoded block needed.
+namespace record {
+
+// Offsets of a record's fields, from its first byte.
+constexpr size_t kTag = 0;
+constexpr size_t kLength = 4;
+constexpr size_t kType = 12;
+constexpr size_t kCount = 16;
+constexpr size_t kPayload = 20;
+constexpr size_t kHead = flat::kRecordHead;
+// The length field of a row held by a content object.
+constexpr uint32_t kObjectRow = 0xFFFFFFFFu;
+
+inline uint32_t tagOf(const uint8_t* r) {
+    return flat::load32(r + kTag);
+}
+inline uint32_t lengthOf(const uint8_t* r) {
+    return flat::load32(r + kLength);
+}
+inline int32_t typeOf(const uint8_t* r) {
+    return static_cast<int32_t>(flat::load32(r + kType));
+}
+inline int32_t countOf(const uint8_t* r) {
+    return static_cast<int32_t>(flat::load32(r + kCount));
+}
+// Bytes the record takes in its chunk.
+inline size_t sizeOf(const uint8_t* r) {
+    const uint32_t length = lengthOf(r);
+    return kHead + (length == kObjectRow ? 0 : length);
+}
+// True for the record of a row of values (not a row without content, not an object).
+inline bool holdsValues(const uint8_t* r) {
+    const uint32_t length = lengthOf(r);
+    return length != 0 && length != kObjectRow;
+}
+
+}  // namespace record
+
+// What one row holds, as its readers see it: its tag and record, and for an object row the
+// content (which the row keeps alive until it changes).
+struct RowView {
+    uint32_t tag;
+    const uint8_t* record;
+    const Content* object;  // null unless the row is held by a content
+
+    bool hasContent() const { return object != nullptr || record::lengthOf(record) != 0; }
+    bool isValues() const { return object == nullptr && record::lengthOf(record) != 0; }
+    // For a row of values (isValues()).
+    int32_t type() const { return record::typeOf(record); }
+    int32_t count() const { return record::countOf(record); }
+    const uint8_t* payload() const { return record + record::kPayload; }
+};
+
+// A value to file in a row: basic values (or none), laid out as a record, or a content object.
+struct RowValue {
+    enum class Kind : uint8_t { kNone, kValues, kObject };
+    Kind kind = Kind::kNone;
+    int32_t type = -1;
+    int32_t count = 0;
+    const void* payload = nullptr;  // count x the type's size bytes
+    size_t bytes = 0;
+    std::shared_ptr<Content> object;
+
+    static RowValue none() { return RowValue(); }
+    static RowValue values(int32_t type, int32_t count, const void* payload, size_t bytes) {
+        RowValue v;
+        v.kind = Kind::kValues;
+        v.type = type;
+        v.count = count;
+        v.payload = payload;
+        v.bytes = bytes;
+        return v;
+    }
+    // A content to file: basic values of a content marked shared are copied into the row (the
+    // content itself is not kept); anything else is kept as the row's object.
+    static RowValue of(std::shared_ptr<Content>&& content);
+    size_t recordSize() const {
+        return record::kHead + (kind == Kind::kValues ? flat::kContentHeader + bytes : 0);
+    }
+};
+
+// Rows of one chunk: up to kRows, their records back to back in row order.
 struct IMetadata::Storage::ItemTable::Chunk {
     static constexpr uint32_t kRows = 16;
-    // Chunks a copy may borrow through: a copy of a copy of a copy owns its rows instead.
-    static constexpr uint8_t kMaxKeepDepth = 2;
+    static constexpr uint32_t kNoRecord = 0xFFFFFFFFu;
 
-    // A row owns its content (`own`), or borrows it: from a row of the chunk it was copied
-    // from (`lent`, the owning reference there), or, with neither, from the decoded block its
-    // content lives in.
-    struct Row {
-        std::atomic<uint32_t> tag{0};
-        // The tag's slot (kNoRow outside the map): tags sharing a slot share a row, also in a
-        // table that has no slot array.
-        std::atomic<uint16_t> slot{0xFFFF};
-        std::atomic<Content*> content{nullptr};  // what readers follow; may be null
-        std::shared_ptr<Content> own;
-        const std::shared_ptr<Content>* lent = nullptr;
+    // The contents of a chunk's object rows, and the contents made for callers from its rows
+    // of bytes. Made when the chunk first needs one.
+    struct Holders {
+        struct Held {
+            // The content, or kMaking while a caller installs one (see contentFor).
+            std::atomic<Content*> content{nullptr};
+            std::shared_ptr<Content> owner;
+        };
+        Held held[kRows];
     };
 
-    std::shared_ptr<Chunk> keep;  // the chunk whose rows this one borrows
-    std::shared_ptr<void> block;  // the decoded block holding borrowed contents, if any
-    uint8_t keepDepth = 0;
-    bool inBlock = false;  // lives in a decoded block: never changed in place
-    uint16_t capacity = kRows;
+    std::atomic<int32_t> refs{1};  // directories that own the chunk
+    uint32_t capacity;             // bytes of records it has room for
+    uint32_t used = 0;             // bytes of records it holds
+    uint16_t rows = 0;             // rows it holds
+    uint16_t objects = 0;          // bit r: row r is held by a content
+    std::atomic<Holders*> holders{nullptr};
+    uint16_t slot[kRows];    // each row's slot (kNoRow outside the map); atomic builtins
+    uint32_t offset[kRows];  // each row's record, from records(); atomic builtins
 
-    Row* rows() { return reinterpret_cast<Row*>(this + 1); }
-    const Row* rows() const { return reinterpret_cast<const Row*>(this + 1); }
+    uint8_t* records() { return reinterpret_cast<uint8_t*>(this + 1); }
+    const uint8_t* records() const { return reinterpret_cast<const uint8_t*>(this + 1); }
+    uint16_t slotOf(uint32_t r) const { return __atomic_load_n(&slot[r], __ATOMIC_RELAXED); }
+    uint32_t offsetOf(uint32_t r) const { return __atomic_load_n(&offset[r], __ATOMIC_ACQUIRE); }
+    const uint8_t* recordOf(uint32_t r) const { return records() + offset[r]; }
+    uint8_t* recordOf(uint32_t r) { return records() + offset[r]; }
+    bool isObject(uint32_t r) const { return (objects >> r) & 1u; }
+
+    // A chunk with room for `capacity` bytes of records.
+    static Chunk* make(size_t capacity);
+    static void destroy(Chunk* c) noexcept;
 };
 
-// A chunk of kRows rows, allocated with its reference counts in one pooled block.
-struct PooledChunk : IMetadata::Storage::ItemTable::Chunk {
-    Row storage[kRows];
-};
-static_assert(sizeof(PooledChunk) == sizeof(IMetadata::Storage::ItemTable::Chunk) +
-                                         sizeof(IMetadata::Storage::ItemTable::Chunk::Row) *
-                                             IMetadata::Storage::ItemTable::Chunk::kRows,
-              "a chunk's rows follow it");
+// The chunks of one table, in row order, with its index. Shared by copies of a table (refs);
+// a table changes only a directory of its own. Entries, the index and the side index are each
+// owned (released with the directory) or borrowed from `base`, the directory this one was
+// copied from, which it holds one reference to: bit 0 of an entry says borrowed.
+struct alignas(16) IMetadata::Storage::ItemTable::Directory {
+    static constexpr uintptr_t kBorrowed = 1;
+    // Directories borrowing from directories borrowing from ...: a copy this deep owns what it
+    // points to instead, so that a long chain of copies never keeps old directories alive.
+    static constexpr uint8_t kMaxDepth = 2;
 
-// The chunks of one table, in row order. Owned by its table alone.
-struct alignas(8) IMetadata::Storage::ItemTable::Directory {
-    struct Entry {
-        std::shared_ptr<Chunk> owner;
-        std::atomic<Chunk*> chunk{nullptr};
-    };
-    uint32_t capacity;
-    Entry* entries() { return reinterpret_cast<Entry*>(this + 1); }
-    const Entry* entries() const { return reinterpret_cast<const Entry*>(this + 1); }
+    std::atomic<int32_t> refs{1};
+    uint32_t capacity;  // chunk entries
+    Directory* base = nullptr;
+    uint8_t depth = 0;
+    std::atomic<uintptr_t> index{0};  // Index*
+    std::atomic<uintptr_t> side{0};   // Side*
+
+    std::atomic<uintptr_t>* entries() { return reinterpret_cast<std::atomic<uintptr_t>*>(this + 1); }
+    const std::atomic<uintptr_t>* entries() const {
+        return reinterpret_cast<const std::atomic<uintptr_t>*>(this + 1);
+    }
+    Chunk* chunk(size_t i, std::memory_order order = std::memory_order_relaxed) const {
+        return reinterpret_cast<Chunk*>(entries()[i].load(order) & ~kBorrowed);
+    }
 
     static Directory* make(uint32_t capacity);
-    static void destroy(Directory* d) noexcept;
+    static void release(Directory* d) noexcept;
 };
 
-// The slot array: the row of each mapped tag, 0xFFFF for none. Shared by copies of a table
-// until one of them changes it. Rows are read and written with atomic builtins wherever a
-// reader without the lock may see the array; an array nobody else can see yet is filled and
-// copied as plain memory.
-struct IMetadata::Storage::ItemTable::Slots {
+// The paged slot index: the row of each tag of the slot map, in pages of kPageSlots slots made
+// only for the runs of slots a table's tags use. Shared like the directory's chunks.
+struct alignas(16) IMetadata::Storage::ItemTable::Index {
+    static constexpr uint32_t kPageSlots = 32;
+    static constexpr uint32_t kPages = (slotmap::kSlotCount + kPageSlots - 1) / kPageSlots;
+    // Blocks of up to this many pages come from the thread's block cache; a larger index has
+    // room for every page and is pooled process-wide (sBufferQueue).
+    static constexpr uint32_t kSmallPages = 14;
+
     std::atomic<int32_t> refs{1};
-    uint16_t rows[kSlotCount];
+    uint16_t used = 0;       // pages in use
+    uint16_t capacity;       // pages it has room for
+    uint8_t page[kPages];    // page number + 1 of each run of slots, 0 for none; atomic builtins
 
-    uint16_t row(uint32_t slot) const { return __atomic_load_n(&rows[slot], __ATOMIC_RELAXED); }
-    void setRow(uint32_t slot, uint16_t r) { __atomic_store_n(&rows[slot], r, __ATOMIC_RELAXED); }
+    uint16_t* pages() { return reinterpret_cast<uint16_t*>(this + 1); }
+    const uint16_t* pages() const { return reinterpret_cast<const uint16_t*>(this + 1); }
+    // The row of slot `slot`, kNoRow when none.
+    uint16_t rowAt(uint32_t slot) const {
+        const uint32_t p = __atomic_load_n(&page[slot / kPageSlots], __ATOMIC_ACQUIRE);
+        if (p == 0 || p > capacity) return kNoRow;
+        return __atomic_load_n(&pages()[(p - 1) * kPageSlots + slot % kPageSlots],
+                               __ATOMIC_RELAXED);
+    }
+    void setRowAt(uint32_t slot, uint16_t row) {  // the slot's page exists
+        const uint32_t p = page[slot / kPageSlots];
+        __atomic_store_n(&pages()[(p - 1) * kPageSlots + slot % kPageSlots], row,
+                         __ATOMIC_RELAXED);
+    }
+    bool hasPage(uint32_t slot) const { return page[slot / kPageSlots] != 0; }
+    static size_t bytesFor(uint32_t pages) {
+        return sizeof(Index) + size_t{pages} * kPageSlots * sizeof(uint16_t);
+    }
+
+    static Index* make(uint32_t capacity);
+    static void release(Index* index) noexcept;
 };
 
-static_assert(sizeof(IMetadata::Storage::ItemTable::Directory) %
-                      alignof(IMetadata::Storage::ItemTable::Directory::Entry) ==
-                  0,
-              "entries follow the header");
-
-// The side index: tags without a slot and their rows, sorted by tag. Shared by copies of a
-// table like the slot array; its entries are read and written with atomic builtins, so that a
-// reader without the lock may search it while a writer changes it in place.
+// The side index: tags without a slot and their rows, sorted by tag. Shared like the slot
+// index; its entries are read and written with atomic builtins, so that a reader without the
+// lock may search it while a writer changes it in place.
 struct alignas(8) IMetadata::Storage::ItemTable::Side {
     struct Entry {
         uint32_t tag;
@@ -201,7 +251,7 @@ struct alignas(8) IMetadata::Storage::ItemTable::Side {
         __atomic_store_n(&entries()[i].tag, tag, __ATOMIC_RELAXED);
         __atomic_store_n(&entries()[i].row, row, __ATOMIC_RELAXED);
     }
-    // The first entry whose tag is not below `tag` (count when none), within `n` entries.
+    // The first entry whose tag is not below `tag` (n when none), within `n` entries.
     uint32_t lowerBound(uint32_t tag, uint32_t n) const {
         uint32_t lo = 0, hi = n;
         while (lo < hi) {
@@ -213,14 +263,20 @@ struct alignas(8) IMetadata::Storage::ItemTable::Side {
         }
         return lo;
     }
+    uint16_t rowOf(uint32_t tag) const {
+        const uint32_t n = count.load(std::memory_order_acquire);
+        if (n > capacity) return kNoRow;  // a torn look; its reader will check again
+        const uint32_t i = lowerBound(tag, n);
+        return i < n && tagAt(i) == tag ? rowAt(i) : kNoRow;
+    }
 
     // An empty index with room for `capacity` entries, and one reference.
     static Side* make(uint32_t capacity);
     static void release(Side* side) noexcept;
 };
 
-// Slot arrays kept for the next table, in two halves behind byte spin locks so that threads
-// building tables rarely wait for each other.
+// Index blocks that have room for the whole map, kept for the next large table, in two halves
+// behind byte locks so that threads building tables rarely wait for each other.
 struct IMetadata::Storage::ItemTable::BufferQueue {
     static constexpr size_t kMaxPerHalf = 80;
 
@@ -229,124 +285,112 @@ struct IMetadata::Storage::ItemTable::BufferQueue {
     BufferQueue(const BufferQueue&) = delete;
     BufferQueue& operator=(const BufferQueue&) = delete;
 
-    // A slot array with one reference, pooled when there is one; with every row free when
-    // `clean` (else its rows are whatever they were: the caller overwrites them all).
-    Slots* take(bool clean);
-    // Keeps an array nobody holds any more for the next table, or frees it when full.
-    void give(Slots* slots) noexcept;
+    // A block of Index::bytesFor(Index::kPages) bytes, pooled when there is one.
+    void* take();
+    // Keeps a block for the next table, or frees it when the pool is full.
+    void give(void* block) noexcept;
 
     // Locks `preferred`, or the other half when it is busy, alternating until one is free.
     int lock(int preferred);
     void unlock(int half);
     uint32_t pooled(int half) const { return mCount[half].load(std::memory_order_relaxed); }
 
-    std::vector<Slots*> mSlotArrays[2];
+    std::vector<void*> mBlocks[2];
     std::atomic<uint8_t> mLocks[2] = {{0}, {0}};
     // Mirrors the list sizes for the unlocked choice of a half.
     std::atomic<uint32_t> mCount[2] = {{0}, {0}};
 };
 
 //------------------------------------------------------------------------------------------
-// The table's fast paths, inline for the library's own loops (the public members of similar
-// names call these).
+// The table's fast paths, inline for the library's own loops.
 
 namespace itemtable {
+
+using Table = IMetadata::Storage::ItemTable;
 
 // The slot of a tag as rows keep it: kNoRow for a tag outside the map.
 inline uint16_t slotKey(uint32_t tag) {
     const uint32_t slot = slotmap::slotOf(tag);
-    return slot == slotmap::kNone ? IMetadata::Storage::ItemTable::kNoRow
-                                  : static_cast<uint16_t>(slot);
+    return slot == slotmap::kNone ? Table::kNoRow : static_cast<uint16_t>(slot);
 }
 
-// A row answers for `tag` when it holds it, or holds a tag of the same slot.
-inline bool answersFor(const IMetadata::Storage::ItemTable::Chunk::Row& row, uint32_t tag,
-                       uint16_t slot) {
-    return slot != IMetadata::Storage::ItemTable::kNoRow
-               ? row.slot.load(std::memory_order_relaxed) == slot
-               : row.tag.load(std::memory_order_relaxed) == tag;
+inline const Table::Index* indexOf(const Table::Directory* d) {
+    return reinterpret_cast<const Table::Index*>(d->index.load(std::memory_order_acquire) &
+                                                 ~Table::Directory::kBorrowed);
+}
+inline const Table::Side* sideOf(const Table::Directory* d) {
+    return reinterpret_cast<const Table::Side*>(d->side.load(std::memory_order_acquire) &
+                                                ~Table::Directory::kBorrowed);
 }
 
 }  // namespace itemtable
 
-inline IMetadata::Storage::ItemTable::Chunk* IMetadata::Storage::ItemTable::chunkAt(
-    size_t row) const {
-    return mDirectory.load(std::memory_order_relaxed)
-        ->entries()[row / Chunk::kRows]
-        .chunk.load(std::memory_order_relaxed);
-}
-
-inline uint32_t IMetadata::Storage::ItemTable::rowTag(size_t row) const {
-    return chunkAt(row)->rows()[row % Chunk::kRows].tag.load(std::memory_order_relaxed);
-}
-
-inline Content* IMetadata::Storage::ItemTable::rowContent(size_t row) const {
-    return chunkAt(row)->rows()[row % Chunk::kRows].content.load(std::memory_order_relaxed);
-}
-
-inline uint16_t IMetadata::Storage::ItemTable::sideRowOf(uint32_t tag) const {
-    const Side* side = mSide.load(std::memory_order_acquire);
-    if (side == nullptr) return kNoRow;
-    const uint32_t n = side->count.load(std::memory_order_acquire);
-    if (n > side->capacity) return kNoRow;  // a torn look; its reader will check again
-    const uint32_t i = side->lowerBound(tag, n);
-    return i < n && side->tagAt(i) == tag ? side->rowAt(i) : kNoRow;
-}
-
 inline uint16_t IMetadata::Storage::ItemTable::rowOf(uint32_t tag) const {
-    if (const Slots* s = mSlots.load(std::memory_order_relaxed)) {
+    const Directory* d = mDirectory.load(std::memory_order_relaxed);
+    if (d == nullptr) return kNoRow;
+    if (const Index* ix = itemtable::indexOf(d)) {
         const uint32_t slot = slotmap::slotOf(tag);
-        if (slot != slotmap::kNone) return s->row(slot);
-        return sideRowOf(tag);
+        if (slot != slotmap::kNone) return ix->rowAt(slot);
+        const Side* side = itemtable::sideOf(d);
+        return side != nullptr ? side->rowOf(tag) : kNoRow;
     }
+    // A small table: its rows are looked at. Tags that share a slot share a row.
     const size_t rows = size();
-    if (rows == 0) return kNoRow;
-    const Chunk* first = chunkAt(0);
+    const Chunk* first = d->chunk(0);
     const uint16_t slot = itemtable::slotKey(tag);
-    for (size_t r = 0; r < rows; ++r)
-        if (itemtable::answersFor(first->rows()[r], tag, slot)) return static_cast<uint16_t>(r);
+    for (size_t r = 0; r < rows; ++r) {
+        if (slot != kNoRow ? first->slot[r] == slot
+                           : record::tagOf(first->recordOf(static_cast<uint32_t>(r))) == tag)
+            return static_cast<uint16_t>(r);
+    }
     return kNoRow;
 }
 
-inline void IMetadata::Storage::ItemTable::putDecoded(uint32_t tag, Content* content) {
-    Slots* s = mSlots.load(std::memory_order_relaxed);
-    const uint32_t slot = slotmap::slotOf(tag);
-    const uint16_t found = s != nullptr && slot != slotmap::kNone ? s->row(slot) : rowOf(tag);
-    if (found != kNoRow) {
-        // A later record of a tag replaces the values in place. Rows of this table are all in
-        // its own block at this point, so the row keeps borrowing.
-        chunkAt(found)->rows()[found % Chunk::kRows].content.store(content,
-                                                                   std::memory_order_release);
-        return;
-    }
-    const uint32_t rows = mSize.load(std::memory_order_relaxed);
-    Chunk::Row& row = chunkAt(rows)->rows()[rows % Chunk::kRows];
-    row.tag.store(tag, std::memory_order_relaxed);
-    row.slot.store(itemtable::slotKey(tag), std::memory_order_relaxed);
-    row.content.store(content, std::memory_order_release);
-    if (s != nullptr) {
-        if (slot != slotmap::kNone)
-            s->setRow(slot, static_cast<uint16_t>(rows));  // the block's own, fresh array
-        else
-            putDecodedOutside(tag, static_cast<uint16_t>(rows));
-    }
-    mSize.store(rows + 1, std::memory_order_release);
+inline RowView IMetadata::Storage::ItemTable::rowAt(size_t row) const {
+    const Chunk* c = mDirectory.load(std::memory_order_relaxed)->chunk(row / Chunk::kRows);
+    const uint32_t r = static_cast<uint32_t>(row % Chunk::kRows);
+    const uint8_t* rec = c->recordOf(r);
+    const Content* object = nullptr;
+    if (c->isObject(r))
+        object = c->holders.load(std::memory_order_relaxed)->held[r].content.load(
+            std::memory_order_relaxed);
+    return RowView{record::tagOf(rec), rec, object};
+}
+
+inline uint32_t IMetadata::Storage::ItemTable::rowTag(size_t row) const {
+    const Chunk* c = mDirectory.load(std::memory_order_relaxed)->chunk(row / Chunk::kRows);
+    return record::tagOf(c->recordOf(static_cast<uint32_t>(row % Chunk::kRows)));
 }
 
 template <typename Fn>
 void IMetadata::Storage::ItemTable::forEachRow(Fn&& fn) const {
     const size_t rows = size();
-    if (rows == 0) return;
+    for (size_t r = 0; r < rows; ++r) fn(rowAt(r));
+}
+
+template <typename Fn>
+auto IMetadata::Storage::ItemTable::forEachObject(Fn&& fn) const -> decltype(fn(nullptr)) {
+    using Answer = decltype(fn(nullptr));
+    const size_t rows = size();
     const Directory* d = mDirectory.load(std::memory_order_relaxed);
     for (size_t first = 0; first < rows; first += Chunk::kRows) {
-        const Chunk* c = d->entries()[first / Chunk::kRows].chunk.load(std::memory_order_relaxed);
-        const size_t n = rows - first < Chunk::kRows ? rows - first : Chunk::kRows;
-        for (size_t i = 0; i < n; ++i) {
-            const Chunk::Row& row = c->rows()[i];
-            fn(row.tag.load(std::memory_order_relaxed),
-               static_cast<const Content*>(row.content.load(std::memory_order_relaxed)));
+        const Chunk* c = d->chunk(first / Chunk::kRows);
+        if (c->objects == 0) continue;
+        const Chunk::Holders* h = c->holders.load(std::memory_order_relaxed);
+        for (uint32_t r = 0; r < Chunk::kRows; ++r) {
+            if (!c->isObject(r)) continue;
+            const Answer a = fn(h->held[r].content.load(std::memory_order_relaxed));
+            if (a != Answer()) return a;
         }
     }
+    return Answer();
+}
+
+template <typename Refused>
+void IMetadata::Storage::ItemTable::merge(const ItemTable& other, Refused&& refused) {
+    const size_t rows = other.size();
+    for (size_t r = 0; r < rows; ++r)
+        if (!mergeRow(other, r)) refused(other.rowTag(r));
 }
 
 }  // namespace NSCam

@@ -111,24 +111,26 @@ bool Storage::getContentSPByIndex(size_t index, std::shared_ptr<Content>& conten
 namespace {
 
 // The rows a flatten writes: all of them in row order, or the listed tags in list order
-// (absent tags skipped, repeated tags repeated). `fn(tag, content)`; the content may be null.
+// (absent tags skipped, repeated tags repeated). `fn(tag, row)`.
 template <typename Fn>
 void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, Fn&& fn) {
     if (tags == nullptr) {
-        table.forEachRow(fn);
+        table.forEachRow([&fn](const RowView& row) { fn(row.tag, row); });
         return;
     }
     const uint32_t n = static_cast<uint32_t>(count);
     for (uint32_t i = 0; i < n; ++i) {
         const uint16_t row = table.rowOf(tags[i]);
-        if (row != ItemTable::kNoRow)
-            fn(tags[i], static_cast<const Content*>(table.rowContent(row)));
+        if (row != ItemTable::kNoRow) fn(tags[i], table.rowAt(row));
     }
 }
 
-}  // namespace
-
-namespace {
+// Bytes of a row's content record in the flat form: a row of values carries its own; a
+// content object is asked.
+size_t contentRecordSize(const RowView& row) {
+    if (row.object != nullptr) return row.object->flattenSize();
+    return record::lengthOf(row.record);
+}
 
 // A record's length field holds 32 bits: a longer record is refused, never cut to its low
 // bits. Reported under the name of the operation that refuses it.
@@ -143,10 +145,15 @@ bool recordLengthFits(const char* operation, uint32_t tag, size_t need) {
 
 size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count,
                            const char* operation) {
+    if (tags == nullptr) {
+        // A table whose rows are all values knows the size of its block.
+        const size_t records = s.mItemTable.recordBytes();
+        if (records != ItemTable::kHeldByContents) return kStorageHeader + records;
+    }
     size_t total = kStorageHeader;
     bool fits = true;
-    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const Content* content) {
-        const size_t record = content ? content->flattenSize() : 0;
+    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const RowView& row) {
+        const size_t record = contentRecordSize(row);
         if (operation != nullptr && fits) fits = recordLengthFits(operation, tag, record);
         total += kRecordHead + record;
     });
@@ -163,7 +170,8 @@ nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, cons
     size_t containers = 0;
     // A content holding containers opens each of them one level deeper; the receiver refuses
     // such a content once kMaxNestingDepth containers enclose it, and counts every non-empty
-    // slot (an empty one is written as length 0 and costs it nothing).
+    // slot (an empty one is written as length 0 and costs it nothing). Only rows held by
+    // contents can hold containers.
     auto visit = [&](const Content* c, int depth) {
         if (c == nullptr || c->mType != TYPE_IMetadata || c->mCount == 0 || !c->storages())
             return Limit::kNone;
@@ -178,20 +186,21 @@ nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, cons
     Limit broken = Limit::kNone;
     if (root == nullptr) {
         broken = visit(lone, 0);
+    } else if (tags == nullptr) {
+        broken = root->mItemTable.forEachObject([&](const Content* c) { return visit(c, 0); });
     } else {
         size_t records = 0;
-        forEachSelected(root->mItemTable, tags, count, [&](uint32_t, const Content* content) {
+        forEachSelected(root->mItemTable, tags, count, [&](uint32_t, const RowView& row) {
             ++records;
-            if (broken == Limit::kNone) broken = visit(content, 0);
+            if (broken == Limit::kNone) broken = visit(row.object, 0);
         });
         if (records > static_cast<size_t>(flat::kMaxRecords)) return Limit::kRecords;
     }
     while (broken == Limit::kNone && !open.empty()) {
         const Open next = open.back();
         open.pop_back();
-        const ItemTable& table = next.storage->mItemTable;
-        for (size_t r = 0; r < table.size() && broken == Limit::kNone; ++r)
-            broken = visit(table.rowContent(r), next.depth);
+        broken = next.storage->mItemTable.forEachObject(
+            [&](const Content* c) { return visit(c, next.depth); });
     }
     return broken;
 }
@@ -224,92 +233,6 @@ bool sendable(const char* operation, const Storage* root, const Content* lone, c
     return false;
 }
 
-// Element sizes of the basic types, as a local table the compiler can fold.
-constexpr auto kBasicSizes = [] {
-    std::array<uint8_t, TYPE_MRect + 1> sizes{};
-    for (int32_t type = 0; type <= TYPE_MRect; ++type)
-        sizes[static_cast<size_t>(type)] = static_cast<uint8_t>(kTypeFacts[type].size);
-    return sizes;
-}();
-
-// Copies `n` bytes of element values. The sizes of one element of each basic type (1, 4, 8
-// and 16 bytes) are copied as fixed sizes, inline, rather than by a call to memcpy: a read
-// of one value and the flatten of a one-value row are a handful of instructions besides.
-void copyElements(void* to, const void* from, size_t n) {
-    switch (n) {
-        case 1:
-            std::memcpy(to, from, 1);
-            break;
-        case 4:
-            std::memcpy(to, from, 4);
-            break;
-        case 8:
-            std::memcpy(to, from, 8);
-            break;
-        case 16:
-            std::memcpy(to, from, 16);
-            break;
-        default:
-            std::memcpy(to, from, n);
-            break;
-    }
-}
-
-// The whole block of `table` (every row) in one pass over the rows with one copy of each
-// payload, when every row holds basic values (or none) and the block fits `w`. False when
-// it meets anything else: the careful writer below then writes the whole block again, with
-// its reports, and what this one wrote is the same bytes as far as it got.
-bool flattenBasicRows(const ItemTable& table, flat::Writer& w, long& written) {
-    if (!w.fits(kStorageHeader)) return false;
-    uint8_t* const start = w.here();
-    const uint8_t* const end = start + w.roomLeft();
-    uint8_t* out = start + kStorageHeader;
-    bool basic = true;
-    table.forEachRow([&](uint32_t tag, const Content* c) {
-        if (!basic) return;
-        size_t payload = 0;
-        if (c != nullptr && c->mCount != 0) {
-            const auto type = static_cast<uint32_t>(c->mType);
-            // A broken content (many elements and no array) must meet its fatal check.
-            if (!isBasicType(static_cast<int32_t>(type)) || c->mCount < 0 ||
-                (c->mHeld != Content::Held::kBytes && c->mCount != 1)) {
-                basic = false;
-                return;
-            }
-            payload = static_cast<size_t>(kBasicSizes[type]) * static_cast<size_t>(c->mCount);
-        }
-        const size_t record = kRecordHead + (c != nullptr ? Content::kHeaderSize + payload : 0);
-        if (static_cast<size_t>(end - out) < record) {
-            basic = false;
-            return;
-        }
-        // Word by word, straight into the buffer (a staging array would cost a stall when
-        // the processor reads back what it just wrote in another width).
-        auto put32 = [&out](uint32_t v) {
-            std::memcpy(out, &v, 4);
-            out += 4;
-        };
-        put32(tag);
-        if (c == nullptr) {
-            put32(0);
-            return;
-        }
-        put32(static_cast<uint32_t>(record - kRecordHead));
-        put32(Content::kPattern);
-        put32(static_cast<uint32_t>(c->mType));
-        put32(static_cast<uint32_t>(c->mCount));
-        copyElements(out, c->elements(), payload);
-        out += payload;
-    });
-    if (!basic) return false;
-    const uint32_t header[2] = {kStorageMagic, static_cast<uint32_t>(table.size())};
-    std::memcpy(start, header, sizeof(header));
-    const auto length = static_cast<size_t>(out - start);
-    w.pos += length;
-    written = static_cast<long>(length);
-    return true;
-}
-
 }  // namespace
 
 long Storage::flattenSize(const uint32_t* tags, long count) const {
@@ -328,10 +251,18 @@ long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) 
     }
     const flat::EncodeScope scope;
     flat::Writer w(buf, size);
-    long written = 0;
-    // Rows of basic values only need no walk of nested containers and no limit but the count
-    // of records, which a table cannot exceed.
-    if (tags == nullptr && flattenBasicRows(mItemTable, w, written)) return written;
+    // Rows of values only are their own flat form already: the header and a copy of each
+    // chunk's records. They need no walk of nested containers and no limit but the count of
+    // records, which a table cannot exceed.
+    if (tags == nullptr && w.fits(kStorageHeader)) {
+        size_t written = 0;
+        if (mItemTable.copyRecords(w.here() + kStorageHeader, w.roomLeft() - kStorageHeader,
+                                   written)) {
+            const uint32_t header[2] = {kStorageMagic, static_cast<uint32_t>(mItemTable.size())};
+            std::memcpy(w.here(), header, sizeof(header));
+            return static_cast<long>(kStorageHeader + written);
+        }
+    }
     if (scope.outermost && !sendable("flatten", this, nullptr, tags, count)) return -1;
     return nested::flatten(*this, w, tags, count);
 }
@@ -342,16 +273,16 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
     uint32_t records = 0;
     uint32_t failedTag = 0;
     bool failed = false;
-    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const Content* content) {
+    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const RowView& row) {
         if (failed) return;
         const size_t head = w.pos;
         w.putU32At(head, tag);
         w.pos = head + kRecordHead;
         long length = 0;
-        if (content) {
+        if (row.object != nullptr) {
             // A record's length field holds 32 bits: a longer record is refused before any
             // of it is written, never cut to its low bits.
-            if (!recordLengthFits("flatten", tag, content->flattenSize())) {
+            if (!recordLengthFits("flatten", tag, row.object->flattenSize())) {
                 failed = true;
                 failedTag = tag;
                 return;
@@ -359,7 +290,17 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
             // Only the content writer is given the remaining capacity; the heads are
             // written first and the whole block judged once at the end.
             flat::Writer body = w.sub(w.pos);
-            length = content->flatten(body);
+            length = row.object->flatten(body);
+            if (length < 0) {
+                failed = true;
+                failedTag = tag;
+                return;
+            }
+        } else if (row.hasContent()) {
+            // A row of values is its record already; written as its content would write it.
+            flat::Writer body = w.sub(w.pos);
+            length = Content::flattenValues(body, row.type(), row.count(), row.payload(),
+                                            record::lengthOf(row.record) - Content::kHeaderSize);
             if (length < 0) {
                 failed = true;
                 failedTag = tag;
@@ -385,154 +326,29 @@ long nested::flatten(const Storage& s, flat::Writer& w, const uint32_t* tags, lo
 
 namespace {
 
-// What a storage decoded from bytes lives in: one allocation holding every content of the
-// block and the chunks of its rows, shared by the table through one reference for the whole
-// block, none per row. The bytes of arrays too long to sit in their contents are gathered
-// into one more allocation, made once their total is known.
-struct DecodeBlock {
-    size_t records;    // room for this many contents
-    size_t built = 0;  // contents constructed so far
-    size_t chunks = 0;
-    uint8_t* arena = nullptr;
-
-    explicit DecodeBlock(size_t n) : records(n) {}
-    ~DecodeBlock() {
-        for (size_t i = 0; i < chunks; ++i) {
-            ItemTable::Chunk* c = chunk(i);
-            for (uint32_t r = 0; r < c->capacity; ++r) c->rows()[r].~Row();
-            c->~Chunk();
-        }
-        for (size_t i = 0; i < built; ++i) content(i)->~Content();
-        ::operator delete(arena);
-    }
-
-    Content* content(size_t i) { return reinterpret_cast<Content*>(this + 1) + i; }
-    ItemTable::Chunk* chunk(size_t i) {
-        return reinterpret_cast<ItemTable::Chunk*>(reinterpret_cast<uint8_t*>(content(records)) +
-                                                   i * kChunkBytes);
-    }
-    static size_t bytesFor(size_t records) {
-        const size_t full = records / kRows, rest = records % kRows;
-        return sizeof(DecodeBlock) + records * sizeof(Content) + full * kChunkBytes +
-               (rest ? sizeof(ItemTable::Chunk) + rest * sizeof(ItemTable::Chunk::Row) : 0);
-    }
-
-    static constexpr uint32_t kRows = ItemTable::Chunk::kRows;
-    static constexpr size_t kChunkBytes =
-        sizeof(ItemTable::Chunk) + kRows * sizeof(ItemTable::Chunk::Row);
-};
-static_assert(sizeof(DecodeBlock) % alignof(Content) == 0, "contents follow the header");
-static_assert(sizeof(Content) % alignof(ItemTable::Chunk) == 0, "chunks follow the contents");
-
-// Room at the front of a block's allocation for its shared pointer's reference counts.
-constexpr size_t kControlRoom = 64;
-
-// Gives std::shared_ptr the front of the block's own allocation for its reference counts, and
-// frees the whole allocation when they go.
-template <typename T>
-struct FrontOfBlock {
-    using value_type = T;
-    void* front;
-    explicit FrontOfBlock(void* f) : front(f) {}
-    template <typename U>
-    FrontOfBlock(const FrontOfBlock<U>& o) : front(o.front) {}
-    T* allocate(size_t n) {
-        static_assert(alignof(T) <= alignof(std::max_align_t), "the front is max-aligned");
-        if (n * sizeof(T) > kControlRoom) throw std::bad_alloc();
-        return static_cast<T*>(front);
-    }
-    // The block's contents and chunks may still be read by readers without the lock: it
-    // goes once they have left (after its contents, which are retired first).
-    void deallocate(T*, size_t) noexcept {
-        readers::retire(front, [](void* p) { ::operator delete(p); });
-    }
-    template <typename U>
-    bool operator==(const FrontOfBlock<U>& o) const {
-        return front == o.front;
-    }
-    template <typename U>
-    bool operator!=(const FrontOfBlock<U>& o) const {
-        return front != o.front;
-    }
-};
-
-std::shared_ptr<DecodeBlock> newBlock(size_t records) {
-    void* front = ::operator new(kControlRoom + DecodeBlock::bytesFor(records));
-    auto* block = new (static_cast<uint8_t*>(front) + kControlRoom) DecodeBlock(records);
-    try {
-        return std::shared_ptr<DecodeBlock>(
-            block,
-            [](DecodeBlock* b) {
-                readers::retire(b, [](void* p) { static_cast<DecodeBlock*>(p)->~DecodeBlock(); });
-            },
-            FrontOfBlock<DecodeBlock>(front));
-    } catch (...) {
-        ::operator delete(front);  // the deleter ran; the allocation is still ours
-        throw;
-    }
-}
-
-// Moves the arrays that the block's contents left in the input into one allocation of the
-// block's own. Until then they point into the caller's bytes.
-void gatherArrays(DecodeBlock& block, const Content::Arena& arena) {
-    if (arena.pending == 0) return;
-    auto* bytes = static_cast<uint8_t*>(::operator new(arena.pending));
-    block.arena = bytes;
-    for (size_t i = 0; i < block.built; ++i) {
-        Content* c = block.content(i);
-        if (c->mHeld != Content::Held::kBytes || c->mBytes < arena.inputBegin ||
-            c->mBytes >= arena.inputEnd)
-            continue;
-        std::memcpy(bytes, c->mBytes, c->mCapacity);
-        c->mBytes = bytes;
-        bytes += c->mCapacity;
-    }
-}
-
 long unflattenOverflow(const flat::Reader& r, size_t needed) {
     META_LOGE_AS("unflatten", "unflatten buffer overflow!!!!!! %p %p", r.at(r.pos + needed),
                  r.end());
     return -1;
 }
 
-// The records of a block, decoded into the block's contents and put in the table in order.
-long decodeRecords(ItemTable& table, flat::Reader& r, DecodeBlock& block, Content::Arena& arena) {
-    for (size_t k = 0; k < block.records; ++k) {
+// The records of a block one by one, each decoded by its content and filed in order, with
+// the reports of whatever is refused: for the blocks the table does not decode by itself.
+long decodeRecords(ItemTable& table, flat::Reader& r, size_t records) {
+    for (size_t k = 0; k < records; ++k) {
         if (!r.has(kRecordHead)) return unflattenOverflow(r, kRecordHead);
         const uint32_t tag = r.u32();
         const uint32_t length = r.u32();
         if (length == 0) {
-            table.putDecoded(tag, nullptr);
+            table.update(tag, nullptr);
             continue;
         }
         if (!r.has(length)) return unflattenOverflow(r, length);
-        void* room = block.content(block.built);
-        if (length >= Content::kHeaderSize) {
-            // The usual record: basic values, or no values, that fit the record. Read here;
-            // any other record is read by the content itself, with its reports.
-            const uint32_t pattern = flat::load32(r.here());
-            const auto type = static_cast<int32_t>(flat::load32(r.here() + 4));
-            const auto count = static_cast<int32_t>(flat::load32(r.here() + 8));
-            const bool basic = isBasicType(type);
-            if (pattern == Content::kPattern && count >= 0 && (count == 0 || basic)) {
-                const size_t n = count == 0 ? 0
-                                            : static_cast<size_t>(kBasicSizes[type]) *
-                                                  static_cast<size_t>(count);
-                if (n <= length - Content::kHeaderSize) {
-                    Content* c =
-                        new (room) Content(type, count, r.here() + Content::kHeaderSize, n, &arena);
-                    ++block.built;
-                    table.putDecoded(tag, c);
-                    r.pos += length;
-                    continue;
-                }
-            }
-        }
         int err = 0;
-        Content* c = new (room) Content(r.here(), length, err, &arena);
-        ++block.built;
+        std::shared_ptr<Content> content =
+            std::allocate_shared<Content>(pool::PoolAllocator<Content>(), r.here(), length, err);
         // The row goes in first; a failed record still leaves the rows read so far.
-        table.putDecoded(tag, c);
+        table.update(tag, std::move(content));
         if (err != 0) return -1;
         r.pos += length;
     }
@@ -563,30 +379,16 @@ long Storage::unflatten(const void* buf, size_t size) {
         (records > 0 && static_cast<size_t>(records) > r.remaining() / kRecordHead))
         return unflattenOverflow(r, static_cast<size_t>(records) * kRecordHead);
     if (records <= 0) return static_cast<long>(r.pos);
-
     const auto n = static_cast<size_t>(records);
-    const std::shared_ptr<DecodeBlock> block = newBlock(n);
-    for (size_t i = 0; i * DecodeBlock::kRows < n; ++i) {
-        ItemTable::Chunk* c = new (block->chunk(i)) ItemTable::Chunk();
-        c->inBlock = true;
-        c->capacity =
-            static_cast<uint16_t>(std::min<size_t>(DecodeBlock::kRows, n - i * DecodeBlock::kRows));
-        for (uint32_t row = 0; row < c->capacity; ++row)
-            new (&c->rows()[row]) ItemTable::Chunk::Row();
-        ++block->chunks;
-    }
-    const auto* begin = static_cast<const uint8_t*>(buf);
-    Content::Arena arena{begin, begin + size, 0};
-    try {
-        mItemTable.beginDecoded(n);
-        for (size_t i = 0; i < block->chunks; ++i) mItemTable.adoptChunk(block, i, block->chunk(i));
-        const long result = decodeRecords(mItemTable, r, *block, arena);
-        gatherArrays(*block, arena);
-        return result;
-    } catch (...) {
-        mItemTable.clear();  // no row may keep pointing into the caller's bytes
-        throw;
-    }
+    // The table indexes the records where they lie when every one of them decodes without a
+    // report; otherwise they are decoded one by one, with the reports.
+    size_t end = 0;
+    const size_t nested = flat::tDecode.nested;
+    if (mItemTable.decode(static_cast<const uint8_t*>(buf), size, r.pos, n, end))
+        return static_cast<long>(end);
+    mItemTable.clear();
+    flat::tDecode.nested = nested;
+    return decodeRecords(mItemTable, r, n);
 }
 
 std::shared_ptr<Storage> nested::unflatten(const void* buf, size_t size) {
@@ -601,8 +403,8 @@ std::shared_ptr<Storage> nested::unflatten(const void* buf, size_t size) {
 
 namespace {
 
-// The one body of the basic reads: the element of `type` at `index`, copied to `out` (left
-// as it is when there is none; getBasicData then reports why).
+// The one body of the basic reads: the element of `type` at `index` of `content`, copied to
+// `out` (left as it is when there is none; getBasicData then reports why).
 void readBasic(const Content* content, uint32_t index, void* out, int32_t type) {
     const int at = static_cast<int>(index);
     const void* p = content->basicAt(at, type);
@@ -627,6 +429,25 @@ T readValue(const Content* content, uint32_t index) {
     }
 }
 
+// Element `index` of the row at `row`, read from the row's values where they lie; what must be
+// reported (another type, an index past the values, a nested container or blob asked of a row
+// of values) is read through the row's content, whose readers report it.
+template <typename T>
+T readRow(const ItemTable& table, uint16_t row, uint32_t index) {
+    const RowView view = table.rowAt(row);
+    if (view.object != nullptr) return readValue<T>(view.object, index);
+    if (record::lengthOf(view.record) == 0) return T();
+    if constexpr (kTypeFacts[TypeCode<T>::value].basic) {
+        if (view.type() == TypeCode<T>::value && index < static_cast<uint32_t>(view.count())) {
+            T value;
+            std::memcpy(static_cast<void*>(&value), view.payload() + index * sizeof(T),
+                        sizeof(T));
+            return value;
+        }
+    }
+    return readValue<T>(table.contentAt(row), index);
+}
+
 // The one body of the writes: a new content of `count` elements of `type` at `values`,
 // written from `index` (all ones: appended).
 std::shared_ptr<Content> madeContent(uint32_t index, const void* values, size_t count,
@@ -636,15 +457,27 @@ std::shared_ptr<Content> madeContent(uint32_t index, const void* values, size_t 
     return content;
 }
 
+// What a typed write files: values of a basic type appended to nothing go straight into the
+// row; anything else is made as a content first (which reports a refused index), marked
+// shared, and filed.
+RowValue madeValue(uint32_t index, const void* values, size_t count, int32_t type) {
+    if (index == 0xFFFFFFFFu && isBasicType(type) && count != 0 && count <= INT32_MAX / 16u)
+        return RowValue::values(type, static_cast<int32_t>(count), values,
+                                count * static_cast<size_t>(kTypeFacts[type].size));
+    std::shared_ptr<Content> content = madeContent(index, values, count, type);
+    content->markReadOnly();
+    return RowValue::of(std::move(content));
+}
+
 }  // namespace
 
 // The storage readers run under the container's lock (burst callbacks) or on a storage of
-// the caller's own: the row's content cannot go while it is read, so it is read in place.
+// the caller's own: the row cannot change while it is read, so it is read in place.
 template <typename T>
 int Storage::readEntry(uint32_t tag, T& value, uint32_t index) const {
     const uint16_t row = mItemTable.rowOf(tag);
     if (row == ItemTable::kNoRow) return -1;
-    value = readValue<T>(mItemTable.rowContent(row), index);
+    value = readRow<T>(mItemTable, row, index);
     return 0;
 }
 
@@ -657,19 +490,18 @@ template <typename T>
 int Storage::readEntries(uint32_t tag, std::vector<T>& values) const {
     const uint16_t row = mItemTable.rowOf(tag);
     if (row == ItemTable::kNoRow) return -1;
-    const Content* content = mItemTable.rowContent(row);
-    if (content == nullptr) return 0;
-    const uint32_t count = static_cast<uint32_t>(content->mCount);
+    const RowView view = mItemTable.rowAt(row);
+    if (!view.hasContent()) return 0;
+    const uint32_t count =
+        static_cast<uint32_t>(view.object != nullptr ? view.object->mCount : view.count());
     values.resize(count);
-    for (uint32_t i = 0; i < count; ++i) values.at(i) = readValue<T>(content, i);
+    for (uint32_t i = 0; i < count; ++i) values.at(i) = readRow<T>(mItemTable, row, i);
     return 0;
 }
 
 template <typename T>
 void Storage::writeEntry(uint32_t tag, const T& value, uint32_t index) {
-    std::shared_ptr<Content> content = madeContent(index, &value, 1, TypeCode<T>::value);
-    mItemTable.update(tag, content);
-    content->markReadOnly();
+    mItemTable.put(tag, madeValue(index, &value, 1, TypeCode<T>::value));
 }
 
 template <typename T, typename U>
@@ -691,9 +523,7 @@ void Storage::writeEntries(uint32_t tag, const T* values, size_t count, uint32_t
         mItemTable.update(tag, nullptr);
         return;
     }
-    std::shared_ptr<Content> content = madeContent(index, values, count, TypeCode<T>::value);
-    content->markReadOnly();
-    mItemTable.update(tag, content);
+    mItemTable.put(tag, madeValue(index, values, count, TypeCode<T>::value));
 }
 
 #define ZORCAM_STORAGE_FAMILIES(T)                                                            \
@@ -893,7 +723,7 @@ int IMetadata::update(uint32_t tag, const IEntry& entry) {
     std::shared_ptr<Content> content = entry.share(entryTag);
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    return update(tag, std::move(content));
+    return update(tag, RowValue::of(std::move(content)));
 }
 
 int IMetadata::update(const IEntry& entry) {
@@ -905,15 +735,15 @@ int IMetadata::update(const IEntry& entry) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, std::move(content));
+    return update(tag, RowValue::of(std::move(content)));
 }
 
-int IMetadata::update(uint32_t tag, std::shared_ptr<Content>&& content) {
+int IMetadata::update(uint32_t tag, RowValue&& value) {
     std::lock_guard<std::mutex> guard(mLock);
     checkValid(__func__);
     const Writing writing(mSequence);
     makeWritableLocked();
-    if (!mStorage->mItemTable.update(tag, std::move(content))) {
+    if (!mStorage->mItemTable.put(tag, std::move(value))) {
         META_LOGE("table full (%zu rows), tag %x not stored", ItemTable::kMaxRows, tag);
         return -1;
     }
@@ -1036,13 +866,10 @@ IMetadata& IMetadata::operator+=(const IMetadata& other) {
     makeWritableLocked();
     // Tags in both keep this container's row and take the other's values; new tags follow
     // in the other's row order. Values are shared, not copied.
-    ItemTable& table = mStorage->mItemTable;
-    const ItemTable& from = source->mItemTable;
-    for (size_t r = 0; r < from.size(); ++r) {
-        const uint32_t tag = from.rowTag(r);
-        if (!table.update(tag, from.contentSPAt(r)))
-            META_LOGE("table full (%zu rows), tag %x not merged", ItemTable::kMaxRows, tag);
-    }
+    mStorage->mItemTable.merge(source->mItemTable, [](uint32_t tag) {
+        META_LOGE_AS("operator+=", "table full (%zu rows), tag %x not merged", ItemTable::kMaxRows,
+                     tag);
+    });
     return *this;
 }
 
@@ -1163,35 +990,17 @@ int IMetadata::readWithoutLock(uint32_t tag, int32_t type, size_t index, void* o
         const uint32_t before = mSequence.load(std::memory_order_acquire);
         if ((before & 1) != 0) return -1;  // a writer is at work: wait for it on the lock
         if (validNum() == 0) return -1;    // the locked path reports it
-        int found = 0;
         const Storage* s = mStorageRaw.load(std::memory_order_acquire);
         if (s == nullptr) return -1;  // no storage, or one read under the lock only
-        {
-            // A content in a table is never changed, and one the table drops stays allocated
-            // while this section lasts: its fields are read as they are.
-            const Content* c = nullptr;
-            switch (s->mItemTable.find(tag, c)) {
-                case ItemTable::Found::kUnsure:
-                    return -1;
-                case ItemTable::Found::kAbsent:
-                    break;
-                case ItemTable::Found::kRow:
-                    if (c == nullptr) break;  // a row without values: no element
-                    // What the locked path would report (a content not marked shared, a type
-                    // that does not match, a broken content) is left to it.
-                    if (!c->isReadOnly()) return -1;
-                    if (index >= static_cast<uint32_t>(c->mCount)) break;
-                    if (c->mType != type) return -1;
-                    if (c->mHeld != Content::Held::kBytes && index != 0) return -1;
-                    copyElements(value, c->elements() + index * size, size);
-                    found = 1;
-                    break;
-            }
-        }
+        // What the table drops stays allocated while this section lasts, and values written
+        // in place are written under the count: what is read is checked against it below.
+        const ItemTable::Found found = s->mItemTable.readValue(tag, type, index, value, size);
+        if (found == ItemTable::Found::kUnsure) return -1;
         acquireFence();  // what was read above is read before the count is read again
         if (mSequence.load(std::memory_order_relaxed) == before) {
-            if (found) copyElements(out, value, size);
-            return found;
+            if (found == ItemTable::Found::kAbsent) return 0;
+            copyFixed(out, value, size);
+            return 1;
         }
     }
     return -1;
@@ -1200,12 +1009,11 @@ int IMetadata::readWithoutLock(uint32_t tag, int32_t type, size_t index, void* o
 template <typename T>
 int IMetadata::setEntry(IMetadata* metadata, uint32_t tag, const T& value) {
     if (metadata == nullptr) return -1;
-    // What an entry for the tag holding the one value, stored with update, would store:
-    // one new content, marked shared as the store marks it.
-    std::shared_ptr<Content> content = madeContent(0xFFFFFFFFu, &value, 1, TypeCode<T>::value);
-    content->markReadOnly();
-    metadata->update(tag, std::move(content));  // a caller who must know reads the entry back
-    return 0;
+    // What an entry for the tag holding the one value, stored with update, would store: the
+    // value itself for a basic type (written over the row's when it has the same shape), a
+    // content marked shared for the others.
+    metadata->update(tag, madeValue(0xFFFFFFFFu, &value, 1, TypeCode<T>::value));
+    return 0;  // a caller who must know reads the entry back
 }
 
 template <typename T>

@@ -1,7 +1,9 @@
 #pragma once
 // Small concurrency helpers shared by the library's sources.
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #if defined(__SANITIZE_THREAD__)
@@ -59,6 +61,51 @@ inline void acquireFence() {
 }
 inline void fullFence() {
     fence<std::memory_order_seq_cst>();
+}
+
+// Bytes that a writer changes in place while readers without the lock may copy them: the
+// readers copy under a container's sequence count and throw away what they copied when the
+// count moved, as a sequence lock's readers do. The copies go by plain loads and stores
+// (element-sized where they can); under ThreadSanitizer, which cannot see the sequence count's
+// reasoning, byte by byte with relaxed atomics on both sides, which it can.
+inline void copyFixed(void* to, const void* from, size_t n) {
+    switch (n) {
+        case 1:
+            std::memcpy(to, from, 1);
+            break;
+        case 4:
+            std::memcpy(to, from, 4);
+            break;
+        case 8:
+            std::memcpy(to, from, 8);
+            break;
+        case 16:
+            std::memcpy(to, from, 16);
+            break;
+        default:
+            std::memcpy(to, from, n);
+            break;
+    }
+}
+// Reads bytes that a writer may be changing (see above).
+inline void readRacing(void* to, const void* from, size_t n) {
+#ifdef ZORCAM_TSAN
+    auto* d = static_cast<uint8_t*>(to);
+    auto* s = static_cast<const uint8_t*>(from);
+    for (size_t i = 0; i < n; ++i) d[i] = __atomic_load_n(s + i, __ATOMIC_RELAXED);
+#else
+    copyFixed(to, from, n);
+#endif
+}
+// Writes bytes that readers without the lock may be copying (see above).
+inline void writeRacing(void* to, const void* from, size_t n) {
+#ifdef ZORCAM_TSAN
+    auto* d = static_cast<uint8_t*>(to);
+    auto* s = static_cast<const uint8_t*>(from);
+    for (size_t i = 0; i < n; ++i) __atomic_store_n(d + i, s[i], __ATOMIC_RELAXED);
+#else
+    copyFixed(to, from, n);
+#endif
 }
 
 }  // namespace NSCam
