@@ -865,10 +865,11 @@ struct ItemTable::Impl {
     // Decoding
 
     struct DecodeRecord {
-        uint32_t at;      // offset of the record in the input
-        uint32_t length;  // bytes the record takes in its chunk
-        uint8_t kind;     // 0: no content, 1: values as they lie, 2: values with spare bytes,
-                          // 3: an object
+        uint32_t at;    // offset of the record in the input
+        uint32_t size;  // bytes the record takes in its chunk
+        uint16_t slot;  // its tag's slot, kNoRow outside the map
+        uint8_t kind;   // 0: no content, 1: values as they lie, 2: values with spare bytes,
+                        // 3: an object
     };
     static constexpr size_t kStackRecords = 256;
 };
@@ -1044,125 +1045,135 @@ ItemTable::Found ItemTable::readValue(uint32_t tag, int32_t type, size_t index, 
 bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t records,
                        size_t& end) {
     using DecodeRecord = Impl::DecodeRecord;
-    // The first walk: where each record lies, what it holds, whether its tag repeats. A record
-    // the table cannot take without a report (or whose content would be refused) ends the
-    // walk: the sequential decoder, which reports, takes over.
+    // The first walk: where each record lies, what it holds, and its row in the index being
+    // gathered (pages of the slot map made as tags touch them; tags outside the map aside). A
+    // repeated tag, a record the table cannot take without a report, or one whose content
+    // would be refused, ends the walk: the sequential decoder, which reports, takes over.
     DecodeRecord onStack[Impl::kStackRecords];
-    std::unique_ptr<DecodeRecord[]> onHeap;
+    Side::Entry outsideOnStack[Impl::kStackRecords];
+    std::unique_ptr<DecodeRecord[]> recsOnHeap;
+    std::unique_ptr<Side::Entry[]> outsideOnHeap;
     DecodeRecord* recs = onStack;
+    Side::Entry* outside = outsideOnStack;
     if (records > Impl::kStackRecords) {
-        onHeap.reset(new DecodeRecord[records]);
-        recs = onHeap.get();
+        recsOnHeap.reset(new DecodeRecord[records]);
+        outsideOnHeap.reset(new Side::Entry[records]);
+        recs = recsOnHeap.get();
+        outside = outsideOnHeap.get();
     }
-    uint64_t seen[(slotmap::kSlotCount + 63) / 64] = {};
+    uint8_t pageOf[Index::kPages] = {};  // page number + 1 in `pages`, 0 for none
+    uint16_t pages[Index::kPages][Index::kPageSlots];
+    uint32_t usedPages = 0, outsideCount = 0;
     flat::Walker walker(buf, flat::tDecode.nested);
     const bool trusted = flat::tDecode.trusted;
-    size_t pos = begin, outside = 0;
+    size_t pos = begin;
     bool objects = false;
+    if (size > UINT32_MAX) return false;  // offsets are kept in 32 bits
     for (size_t k = 0; k < records; ++k) {
         if (size - pos < record::kHead) return false;
-        const uint32_t tag = flat::load32(buf + pos);
-        const uint32_t length = flat::load32(buf + pos + 4);
+        uint32_t head[2];
+        std::memcpy(head, buf + pos, sizeof(head));
+        const uint32_t tag = head[0], length = head[1];
         DecodeRecord& rec = recs[k];
         rec.at = static_cast<uint32_t>(pos);
-        if (pos > UINT32_MAX) return false;
         pos += record::kHead;
         if (length == 0) {
             rec.kind = 0;
-            rec.length = record::kHead;
+            rec.size = record::kHead;
         } else {
             if (size - pos < length) return false;
             int32_t type, count;
             size_t bytes;
             if (flat::isPlainValues(buf + pos, length, type, count, bytes)) {
                 rec.kind = bytes + flat::kContentHeader == length ? 1 : 2;
-                rec.length = static_cast<uint32_t>(record::kPayload + bytes);
+                rec.size = static_cast<uint32_t>(record::kPayload + bytes);
             } else {
                 if (!trusted && !walker.content(pos, pos + length, flat::tDecode.depth))
                     return false;
                 rec.kind = 3;
-                rec.length = record::kHead;
+                rec.size = record::kHead;
                 objects = true;
             }
             pos += length;
         }
-        // A tag whose slot or side entry is taken already is a repeat: the sequential decoder
-        // keeps the first row's place and the last record's values.
         const uint32_t slot = slotmap::slotOf(tag);
         if (slot == slotmap::kNone) {
-            ++outside;
-        } else {
-            if (seen[slot / 64] & (uint64_t{1} << (slot % 64))) return false;
-            seen[slot / 64] |= uint64_t{1} << (slot % 64);
+            rec.slot = kNoRow;
+            outside[outsideCount++] = Side::Entry{tag, static_cast<uint16_t>(k)};
+            continue;
         }
+        rec.slot = static_cast<uint16_t>(slot);
+        uint8_t& p = pageOf[slot / Index::kPageSlots];
+        if (p == 0) {
+            std::memset(pages[usedPages], 0xFF, sizeof(pages[usedPages]));
+            p = static_cast<uint8_t>(++usedPages);
+        }
+        uint16_t& row = pages[p - 1][slot % Index::kPageSlots];
+        // A slot taken already: a repeated tag, or a tag sharing the slot of one before it.
+        if (row != kNoRow) return false;
+        row = static_cast<uint16_t>(k);
     }
-    // Tags outside the map: sorted, a repeat shows as two neighbours.
-    Side* side = nullptr;
-    struct SideGuard {
-        Side*& side;
-        ~SideGuard() { Side::release(side); }
-    } sideGuard{side};
-    if (outside != 0) {
-        side = Side::make(std::max<uint32_t>(8, static_cast<uint32_t>(outside) * 2));
-        uint32_t n = 0;
-        for (size_t k = 0; k < records; ++k) {
-            const uint32_t tag = flat::load32(buf + recs[k].at);
-            if (slotmap::slotOf(tag) == slotmap::kNone)
-                side->set(n++, tag, static_cast<uint16_t>(k));
-        }
-        std::sort(side->entries(), side->entries() + n,
+    if (outsideCount > 1) {
+        // Sorted, a repeat shows as two neighbours.
+        std::sort(outside, outside + outsideCount,
                   [](const Side::Entry& a, const Side::Entry& b) { return a.tag < b.tag; });
-        for (uint32_t i = 1; i < n; ++i)
-            if (side->tagAt(i) == side->tagAt(i - 1)) return false;
-        side->count.store(n, std::memory_order_relaxed);
+        for (uint32_t i = 1; i < outsideCount; ++i)
+            if (outside[i].tag == outside[i - 1].tag) return false;
     }
 
     // The second: each run of 16 records becomes a chunk, copied in one piece where the
     // records lie in the input as a chunk keeps them.
     const size_t chunks = (records + kRows - 1) / kRows;
     Directory* d = Impl::ownDirectory(*this, chunks);
+    if (records > kScanRows) {
+        Index* ix = Index::make(usedPages);
+        std::memcpy(ix->page, pageOf, sizeof(pageOf));
+        std::memcpy(ix->pages(), pages, size_t{usedPages} * sizeof(pages[0]));
+        ix->used = static_cast<uint16_t>(usedPages);
+        d->index.store(reinterpret_cast<uintptr_t>(ix), std::memory_order_relaxed);
+        if (outsideCount != 0) {
+            Side* side = Side::make(std::max<uint32_t>(8, outsideCount * 2));
+            d->side.store(reinterpret_cast<uintptr_t>(side), std::memory_order_relaxed);
+            std::memcpy(side->entries(), outside, outsideCount * sizeof(Side::Entry));
+            side->count.store(outsideCount, std::memory_order_relaxed);
+        }
+    }
     for (size_t k = 0; k < chunks; ++k) {
-        const size_t first = k * kRows;
-        const uint32_t n = static_cast<uint32_t>(std::min<size_t>(kRows, records - first));
+        const DecodeRecord* first = recs + k * kRows;
+        const uint32_t n = static_cast<uint32_t>(std::min<size_t>(kRows, records - k * kRows));
         size_t bytes = 0;
         bool asTheyLie = true;
         for (uint32_t i = 0; i < n; ++i) {
-            bytes += recs[first + i].length;
-            asTheyLie = asTheyLie && recs[first + i].kind < 2;
+            bytes += first[i].size;
+            asTheyLie = asTheyLie && first[i].kind < 2;
         }
         ChunkGuard made{Chunk::make(bytes)};
         Chunk* c = made.chunk;
         uint8_t* to = c->records();
-        if (asTheyLie) std::memcpy(to, buf + recs[first].at, bytes);
+        if (asTheyLie) std::memcpy(to, buf + first[0].at, bytes);
         uint32_t used = 0;
         for (uint32_t i = 0; i < n; ++i) {
-            const DecodeRecord& rec = recs[first + i];
-            const uint8_t* from = buf + rec.at;
+            const DecodeRecord& rec = first[i];
             c->offset[i] = used;
-            c->slot[i] = itemtable::slotKey(flat::load32(from));
+            c->slot[i] = rec.slot;
             if (!asTheyLie) {
-                if (rec.kind == 3) {
-                    std::memcpy(to + used, from, 4);
-                    put32(to + used + 4, record::kObjectRow);
-                } else {
-                    std::memcpy(to + used, from, rec.length);
-                    if (rec.kind == 2) put32(to + used + 4, rec.length - record::kHead);
-                }
+                std::memcpy(to + used, buf + rec.at, rec.kind == 3 ? 4 : rec.size);
+                if (rec.kind == 3) put32(to + used + 4, record::kObjectRow);
+                if (rec.kind == 2) put32(to + used + 4, rec.size - record::kHead);
             }
-            used += rec.length;
+            used += rec.size;
         }
         c->used = used;
         c->rows = static_cast<uint16_t>(n);
         if (objects) {
             for (uint32_t i = 0; i < n; ++i) {
-                const DecodeRecord& rec = recs[first + i];
+                const DecodeRecord& rec = first[i];
                 if (rec.kind != 3) continue;
                 if (c->holders.load(std::memory_order_relaxed) == nullptr)
                     c->holders.store(makeHolders(), std::memory_order_relaxed);
                 // Checked above: the content decodes, without a report.
-                const uint32_t length = flat::load32(buf + rec.at + 4);
-                std::shared_ptr<Content> content =
-                    Content::decoded(buf + rec.at + record::kHead, length);
+                std::shared_ptr<Content> content = Content::decoded(
+                    buf + rec.at + record::kHead, flat::load32(buf + rec.at + 4));
                 Holders::Held& held = c->holders.load(std::memory_order_relaxed)->held[i];
                 held.owner = std::move(content);
                 held.content.store(held.owner.get(), std::memory_order_relaxed);
@@ -1171,25 +1182,8 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         }
         d->entries()[k].store(reinterpret_cast<uintptr_t>(made.release()),
                               std::memory_order_release);
-        mSize.store(static_cast<uint32_t>(first + n), std::memory_order_release);
     }
-    if (records > kScanRows) {
-        uint32_t pages = 0;
-        for (uint32_t p = 0; p < Index::kPages; ++p) {
-            const uint64_t bits = (seen[p / 2] >> (32 * (p % 2))) & 0xFFFFFFFFu;
-            pages += bits != 0;
-        }
-        Index* ix = Index::make(pages);
-        for (size_t k = 0; k < records; ++k) {
-            const uint32_t slot = slotmap::slotOf(flat::load32(buf + recs[k].at));
-            if (slot == slotmap::kNone) continue;
-            if (!ix->hasPage(slot)) Impl::addPage(ix, slot);
-            ix->setRowAt(slot, static_cast<uint16_t>(k));
-        }
-        d->index.store(reinterpret_cast<uintptr_t>(ix), std::memory_order_release);
-        d->side.store(reinterpret_cast<uintptr_t>(std::exchange(side, nullptr)),
-                      std::memory_order_release);
-    }
+    mSize.store(static_cast<uint32_t>(records), std::memory_order_release);
     end = pos;
     return true;
 }
