@@ -864,12 +864,16 @@ struct ItemTable::Impl {
     //--------------------------------------------------------------------------------------
     // Decoding
 
+    // What the walk learns of one record, in 8 bytes: no more scratch than the record itself
+    // takes in the input.
     struct DecodeRecord {
+        enum : uint32_t { kNone = 0, kAsItLies = 1, kSpare = 2, kObject = 3 };
+        static constexpr uint32_t kMaxSize = (1u << 30) - 1;
         uint32_t at;    // offset of the record in the input
-        uint32_t size;  // bytes the record takes in its chunk
-        uint16_t slot;  // its tag's slot, kNoRow outside the map
-        uint8_t kind;   // 0: no content, 1: values as they lie, 2: values with spare bytes,
-                        // 3: an object
+        uint32_t word;  // kind (bits 31..30) and the bytes it takes in its chunk
+        uint32_t kind() const { return word >> 30; }
+        uint32_t size() const { return word & kMaxSize; }
+        void set(uint32_t kind, size_t size) { word = kind << 30 | static_cast<uint32_t>(size); }
     };
     static constexpr size_t kStackRecords = 256;
 };
@@ -1046,24 +1050,19 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
                        size_t& end) {
     using DecodeRecord = Impl::DecodeRecord;
     // The first walk: where each record lies, what it holds, and its row in the index being
-    // gathered (pages of the slot map made as tags touch them; tags outside the map aside). A
-    // repeated tag, a record the table cannot take without a report, or one whose content
+    // gathered (pages of the slot map made as tags touch them; tags outside the map counted).
+    // A repeated tag, a record the table cannot take without a report, or one whose content
     // would be refused, ends the walk: the sequential decoder, which reports, takes over.
     DecodeRecord onStack[Impl::kStackRecords];
-    Side::Entry outsideOnStack[Impl::kStackRecords];
-    std::unique_ptr<DecodeRecord[]> recsOnHeap;
-    std::unique_ptr<Side::Entry[]> outsideOnHeap;
+    std::unique_ptr<DecodeRecord[]> onHeap;
     DecodeRecord* recs = onStack;
-    Side::Entry* outside = outsideOnStack;
     if (records > Impl::kStackRecords) {
-        recsOnHeap.reset(new DecodeRecord[records]);
-        outsideOnHeap.reset(new Side::Entry[records]);
-        recs = recsOnHeap.get();
-        outside = outsideOnHeap.get();
+        onHeap.reset(new DecodeRecord[records]);
+        recs = onHeap.get();
     }
     uint8_t pageOf[Index::kPages] = {};  // page number + 1 in `pages`, 0 for none
     uint16_t pages[Index::kPages][Index::kPageSlots];
-    uint32_t usedPages = 0, outsideCount = 0;
+    uint32_t usedPages = 0, outside = 0;
     flat::Walker walker(buf, flat::tDecode.nested);
     const bool trusted = flat::tDecode.trusted;
     size_t pos = begin;
@@ -1078,31 +1077,29 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         rec.at = static_cast<uint32_t>(pos);
         pos += record::kHead;
         if (length == 0) {
-            rec.kind = 0;
-            rec.size = record::kHead;
+            rec.set(DecodeRecord::kNone, record::kHead);
         } else {
             if (size - pos < length) return false;
             int32_t type, count;
             size_t bytes;
             if (flat::isPlainValues(buf + pos, length, type, count, bytes)) {
-                rec.kind = bytes + flat::kContentHeader == length ? 1 : 2;
-                rec.size = static_cast<uint32_t>(record::kPayload + bytes);
+                if (bytes > DecodeRecord::kMaxSize - record::kPayload) return false;
+                rec.set(bytes + flat::kContentHeader == length ? DecodeRecord::kAsItLies
+                                                               : DecodeRecord::kSpare,
+                        record::kPayload + bytes);
             } else {
                 if (!trusted && !walker.content(pos, pos + length, flat::tDecode.depth))
                     return false;
-                rec.kind = 3;
-                rec.size = record::kHead;
+                rec.set(DecodeRecord::kObject, record::kHead);
                 objects = true;
             }
             pos += length;
         }
         const uint32_t slot = slotmap::slotOf(tag);
         if (slot == slotmap::kNone) {
-            rec.slot = kNoRow;
-            outside[outsideCount++] = Side::Entry{tag, static_cast<uint16_t>(k)};
+            ++outside;
             continue;
         }
-        rec.slot = static_cast<uint16_t>(slot);
         uint8_t& p = pageOf[slot / Index::kPageSlots];
         if (p == 0) {
             std::memset(pages[usedPages], 0xFF, sizeof(pages[usedPages]));
@@ -1113,12 +1110,25 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         if (row != kNoRow) return false;
         row = static_cast<uint16_t>(k);
     }
-    if (outsideCount > 1) {
-        // Sorted, a repeat shows as two neighbours.
-        std::sort(outside, outside + outsideCount,
+    // Tags outside the map, sorted: a repeat shows as two neighbours.
+    Side* side = nullptr;
+    struct SideGuard {
+        Side*& side;
+        ~SideGuard() { Side::release(side); }
+    } sideGuard{side};
+    if (outside != 0) {
+        side = Side::make(std::max<uint32_t>(8, outside));
+        uint32_t n = 0;
+        for (size_t k = 0; k < records; ++k) {
+            const uint32_t tag = flat::load32(buf + recs[k].at);
+            if (slotmap::slotOf(tag) == slotmap::kNone)
+                side->set(n++, tag, static_cast<uint16_t>(k));
+        }
+        std::sort(side->entries(), side->entries() + n,
                   [](const Side::Entry& a, const Side::Entry& b) { return a.tag < b.tag; });
-        for (uint32_t i = 1; i < outsideCount; ++i)
-            if (outside[i].tag == outside[i - 1].tag) return false;
+        for (uint32_t i = 1; i < n; ++i)
+            if (side->tagAt(i) == side->tagAt(i - 1)) return false;
+        side->count.store(n, std::memory_order_relaxed);
     }
 
     // The second: each run of 16 records becomes a chunk, copied in one piece where the
@@ -1131,12 +1141,8 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         std::memcpy(ix->pages(), pages, size_t{usedPages} * sizeof(pages[0]));
         ix->used = static_cast<uint16_t>(usedPages);
         d->index.store(reinterpret_cast<uintptr_t>(ix), std::memory_order_relaxed);
-        if (outsideCount != 0) {
-            Side* side = Side::make(std::max<uint32_t>(8, outsideCount * 2));
-            d->side.store(reinterpret_cast<uintptr_t>(side), std::memory_order_relaxed);
-            std::memcpy(side->entries(), outside, outsideCount * sizeof(Side::Entry));
-            side->count.store(outsideCount, std::memory_order_relaxed);
-        }
+        d->side.store(reinterpret_cast<uintptr_t>(std::exchange(side, nullptr)),
+                      std::memory_order_relaxed);
     }
     for (size_t k = 0; k < chunks; ++k) {
         const DecodeRecord* first = recs + k * kRows;
@@ -1144,8 +1150,8 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         size_t bytes = 0;
         bool asTheyLie = true;
         for (uint32_t i = 0; i < n; ++i) {
-            bytes += first[i].size;
-            asTheyLie = asTheyLie && first[i].kind < 2;
+            bytes += first[i].size();
+            asTheyLie = asTheyLie && first[i].kind() <= DecodeRecord::kAsItLies;
         }
         ChunkGuard made{Chunk::make(bytes)};
         Chunk* c = made.chunk;
@@ -1154,21 +1160,33 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
         uint32_t used = 0;
         for (uint32_t i = 0; i < n; ++i) {
             const DecodeRecord& rec = first[i];
+            const uint8_t* from = buf + rec.at;
             c->offset[i] = used;
-            c->slot[i] = rec.slot;
+            c->slot[i] = itemtable::slotKey(flat::load32(from));
             if (!asTheyLie) {
-                std::memcpy(to + used, buf + rec.at, rec.kind == 3 ? 4 : rec.size);
-                if (rec.kind == 3) put32(to + used + 4, record::kObjectRow);
-                if (rec.kind == 2) put32(to + used + 4, rec.size - record::kHead);
+                switch (rec.kind()) {
+                    case DecodeRecord::kObject:
+                        std::memcpy(to + used, from, 4);
+                        put32(to + used + 4, record::kObjectRow);
+                        break;
+                    case DecodeRecord::kSpare:
+                        // Bytes of the record that the content does not use are not kept.
+                        std::memcpy(to + used, from, rec.size());
+                        put32(to + used + 4, rec.size() - record::kHead);
+                        break;
+                    default:
+                        std::memcpy(to + used, from, rec.size());
+                        break;
+                }
             }
-            used += rec.size;
+            used += rec.size();
         }
         c->used = used;
         c->rows = static_cast<uint16_t>(n);
         if (objects) {
             for (uint32_t i = 0; i < n; ++i) {
                 const DecodeRecord& rec = first[i];
-                if (rec.kind != 3) continue;
+                if (rec.kind() != DecodeRecord::kObject) continue;
                 if (c->holders.load(std::memory_order_relaxed) == nullptr)
                     c->holders.store(makeHolders(), std::memory_order_relaxed);
                 // Checked above: the content decodes, without a report.

@@ -39,15 +39,16 @@ constexpr uint32_t kNoTag = 0xFFFFFFFFu;
 constexpr uint32_t kValidBit = 0x80000000u;
 
 // Drops a container's reference to its storage. When it was the last one, the storage waits
-// for readers without the lock that may still be in it; it weighs as a sixteenth of the
-// thread's batch of such waits, as a whole table can be large.
+// for readers without the lock that may still be in it; it weighs as four chunks in the
+// thread's batch of such waits (what it owns alone is mostly a directory and a chunk or two:
+// the rest it shares with the containers it was copied from or to).
 void letGo(std::shared_ptr<Storage>&& storage) {
     storage.reset();
 }
 
 std::shared_ptr<Storage> newStorage() {
     std::shared_ptr<Storage> storage =
-        std::allocate_shared<Storage>(readers::DeferredAllocator<Storage, 16>());
+        std::allocate_shared<Storage>(readers::DeferredAllocator<Storage, 4>());
     storage->mReleasedLate = true;
     return storage;
 }

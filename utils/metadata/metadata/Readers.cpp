@@ -1,5 +1,8 @@
 #include "Readers.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -8,67 +11,59 @@
 #include <utility>
 #include <vector>
 
+#if defined(__linux__) && __has_include(<linux/membarrier.h>)
+#include <linux/membarrier.h>
+#define ZORCAM_HAVE_MEMBARRIER 1
+#endif
+
 #include "Sync.h"
 
 namespace NSCam {
 namespace readers {
 namespace {
 
-// The epoch a thread's section began in (0: the thread is in no section). One cache line
-// each, written only by its thread, so that readers never share a line they write.
-struct alignas(64) Record {
-    std::atomic<uint64_t> epoch{0};
-    std::atomic<bool> used{true};
-    Record* next = nullptr;  // fixed before the record is published
-};
-
-std::atomic<uint64_t> gEpoch{1};
 std::atomic<Record*> gRecords{nullptr};  // grows only: records are reused, never freed
 
-// One retired item: a reference, or something with the function that lets go of it.
-struct Item {
-    std::shared_ptr<void> reference;
-    void* raw = nullptr;
-    void (*release)(void*) = nullptr;
+//------------------------------------------------------------------------------------------
+// The fence between a reader's announcement and what it reads.
+//
+// A reader announces its section with a plain store and reads on at once; whoever wants to
+// know which readers are in a section (tryAdvance) first makes every running thread of the
+// process pass a full barrier (the kernel's membarrier), which orders each reader's
+// announcement before its reads as its own fence would. Readers are many and frequent,
+// advances are rare: the cost moves to the rare side. Where the kernel does not offer it, or
+// under ThreadSanitizer (which cannot see that barrier), readers fence themselves.
 
-    Item(std::shared_ptr<void>&& r) : reference(std::move(r)) {}
-    Item(void* p, void (*fn)(void*)) : raw(p), release(fn) {}
-    Item(Item&& o) noexcept
-        : reference(std::move(o.reference)),
-          raw(o.raw),
-          release(std::exchange(o.release, nullptr)) {}
-    Item& operator=(Item&& o) noexcept {
-        if (this != &o) {
-            letGo();
-            reference = std::move(o.reference);
-            raw = o.raw;
-            release = std::exchange(o.release, nullptr);
-        }
-        return *this;
-    }
-    ~Item() { letGo(); }
-    void letGo() {
-        if (release != nullptr) std::exchange(release, nullptr)(raw);
-        reference.reset();
-    }
-};
-
-// Items retired together, releasable once the epoch is two past `epoch`.
-struct Sealed {
-    uint64_t epoch;
-    std::vector<Item> items;
-};
-
-// What threads that have exited could not release yet.
-struct Orphans {
-    std::mutex lock;
-    std::vector<Sealed> sealed;
-    std::atomic<size_t> count{0};  // mirrors sealed.size(), so that an empty list costs no lock
-};
-Orphans& orphans() {
-    static Orphans* const o = new Orphans;  // never destroyed: threads may exit after statics
-    return *o;
+bool registerBarrier() {
+#if defined(ZORCAM_HAVE_MEMBARRIER) && !defined(ZORCAM_TSAN)
+    const long offered = syscall(__NR_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+    if (offered < 0 || (offered & MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0) return false;
+    return syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+#else
+    return false;
+#endif
 }
+
+}  // namespace
+
+// Set once at load; read by every section.
+const bool gAsymmetric = registerBarrier();
+std::atomic<uint64_t> gEpoch{1};
+
+namespace {
+
+// The other side: every reader's announcement made so far is visible, and ordered before
+// what that reader reads next.
+void processFence() {
+#ifdef ZORCAM_HAVE_MEMBARRIER
+    if (gAsymmetric && syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0)
+        return;
+#endif
+    fullFence();
+}
+
+//------------------------------------------------------------------------------------------
+// Epochs
 
 Record* acquireRecord() {
     for (Record* r = gRecords.load(std::memory_order_acquire); r != nullptr; r = r->next) {
@@ -89,7 +84,7 @@ Record* acquireRecord() {
 // Advances the epoch when every thread in a section has seen the current one.
 uint64_t tryAdvance() {
     uint64_t epoch = gEpoch.load(std::memory_order_acquire);
-    fullFence();
+    processFence();
     for (Record* r = gRecords.load(std::memory_order_acquire); r != nullptr; r = r->next) {
         const uint64_t seen = r->epoch.load(std::memory_order_acquire);
         if (seen != 0 && seen != epoch) return epoch;
@@ -99,53 +94,61 @@ uint64_t tryAdvance() {
     return gEpoch.load(std::memory_order_acquire);
 }
 
-// Takes the sealed batches whose epoch is two behind `now` out of `sealed` (into `out`),
-// keeping the rest in order. Releasing them is the caller's, once `sealed` is whole again:
-// releasing may seal new batches onto it.
-void takeOld(std::vector<Sealed>& sealed, uint64_t now, std::vector<Sealed>& out) {
-    size_t kept = 0;
-    for (size_t i = 0; i < sealed.size(); ++i) {
-        if (sealed[i].epoch + 2 <= now) {
-            try {
-                out.push_back(std::move(sealed[i]));
-                continue;
-            } catch (const std::bad_alloc&) {
-                // Kept for a later round.
-            }
-        }
-        if (kept != i) sealed[kept] = std::move(sealed[i]);
-        ++kept;
-    }
-    sealed.resize(kept);
-}
-
 // Waits until every reader that is in a section now has left it: what was unreachable before
-// the call may then be released at once. Only for when memory to defer a release is lacking.
+// the call may then be released at once.
 void synchronize() {
     fullFence();
     const uint64_t start = gEpoch.load(std::memory_order_acquire);
     while (tryAdvance() < start + 2) std::this_thread::yield();
 }
 
-// What every section and retire touches, kept apart from the Local so that reaching it is
-// one look at thread-local storage with no guard: trivially constructed and destroyed.
-struct Thread {
-    Record* record;       // null until the thread's first section
-    int depth;            // sections open
-    struct Local* local;  // null until the thread's first section or retire
-    bool gone;            // the thread is exiting: its Local is destroyed
+//------------------------------------------------------------------------------------------
+// Retired items: a fixed ring of batches per thread
+
+// One retired item and the function that lets go of it.
+struct Retired {
+    void* item;
+    void (*release)(void*);
 };
-thread_local Thread tThread;
+
+// Retired items of one thread, releasable once the epoch is two past `epoch`.
+struct Batch {
+    static constexpr uint32_t kItems = kBatch;
+    uint64_t epoch = 0;
+    uint32_t count = 0;
+    uint32_t weight = 0;
+    bool sealed = false;
+    Retired items[kItems];
+};
+constexpr uint32_t kBatches = 8;
+
+// Lets go of a batch's items once it was taken out of its ring (its slot is free again:
+// releasing may retire more).
+void releaseAll(const Retired* items, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) items[i].release(items[i].item);
+}
+
+// What threads that have exited could not release yet.
+struct Orphans {
+    std::mutex lock;
+    std::vector<std::pair<uint64_t, Retired>> items;
+    std::atomic<size_t> count{0};  // mirrors items.size(), so that an empty list costs no lock
+};
+Orphans& orphans() {
+    static Orphans* const o = new Orphans;  // never destroyed: threads may exit after statics
+    return *o;
+}
+
+}  // namespace
+
+thread_local Thread tThread ZORCAM_TLS_STATIC;
 
 struct Local {
     Record* record = nullptr;
-    int depth = 0;
-    std::vector<Item> bag;  // retired, not yet sealed
-    size_t weight = 0;      // of what the bag holds
-    std::vector<Sealed> sealed;
-    std::vector<Sealed> releasing;          // scratch of collect()
-    std::vector<std::vector<Item>> spare;   // emptied batches, kept for the next bags
+    Batch batches[kBatches];
+    uint32_t open = 0;  // the batch taking retired items
     bool collecting = false;
+    std::vector<std::unique_ptr<Batch>> spill;  // sealed batches the ring had no room for
 
     ~Local() {
         tThread.gone = true;
@@ -155,81 +158,170 @@ struct Local {
             record->epoch.store(0, std::memory_order_release);
             record->used.store(false, std::memory_order_release);
         }
-        seal();
-        if (sealed.empty()) return;
+        if (batches[open].count != 0) stamp(batches[open]);
+        // What is left goes to the threads that stay, or, without memory for that, is
+        // released once the readers have left.
         try {
             Orphans& o = orphans();
             std::lock_guard<std::mutex> guard(o.lock);
-            o.sealed.reserve(o.sealed.size() + sealed.size());
-            for (Sealed& s : sealed) o.sealed.push_back(std::move(s));
-            o.count.store(o.sealed.size(), std::memory_order_relaxed);
+            size_t total = 0;
+            for (const Batch& b : batches) total += b.sealed ? b.count : 0;
+            for (const auto& b : spill) total += b->count;
+            o.items.reserve(o.items.size() + total);  // the one step that may throw
+            for (Batch& b : batches) {
+                if (!b.sealed) continue;
+                for (uint32_t i = 0; i < b.count; ++i) o.items.emplace_back(b.epoch, b.items[i]);
+                b.sealed = false;
+                b.count = 0;
+            }
+            for (const auto& b : spill)
+                for (uint32_t i = 0; i < b->count; ++i) o.items.emplace_back(b->epoch, b->items[i]);
+            spill.clear();
+            o.count.store(o.items.size(), std::memory_order_relaxed);
         } catch (const std::bad_alloc&) {
             synchronize();
+            for (Batch& b : batches)
+                if (b.sealed) releaseAll(b.items, b.count);
+            for (const auto& b : spill) releaseAll(b->items, b->count);
         }
-        sealed.clear();
     }
 
     // The epoch after the fence is no earlier than any reader that could still reach what
-    // the bag holds: everything in it was unreachable before the fence.
-    void seal() {
-        if (bag.empty()) return;
-        try {
-            sealed.reserve(sealed.size() + 1);
-        } catch (const std::bad_alloc&) {
-            synchronize();
-            bag.clear();
-            weight = 0;
-            return;
-        }
+    // the batch holds: everything in it was unreachable before the fence.
+    static void stamp(Batch& b) {
         fullFence();
-        sealed.push_back(Sealed{gEpoch.load(std::memory_order_acquire), std::move(bag)});
-        bag = std::vector<Item>();
-        weight = 0;
-        if (!spare.empty()) {
-            bag = std::move(spare.back());
-            spare.pop_back();
-        }
+        b.epoch = gEpoch.load(std::memory_order_acquire);
+        b.sealed = true;
     }
 
-    void release(std::vector<Sealed>& batches) {
-        for (Sealed& batch : batches) {
-            batch.items.clear();
-            if (spare.size() < 4) {
-                try {
-                    spare.push_back(std::move(batch.items));
-                } catch (const std::bad_alloc&) {
-                }
+    // Takes batch `i` out of the ring into `out` (when given; its slot is free again); its
+    // count.
+    uint32_t takeOut(uint32_t i, Retired* out) {
+        Batch& b = batches[i];
+        const uint32_t n = b.count;
+        if (out != nullptr)
+            for (uint32_t k = 0; k < n; ++k) out[k] = b.items[k];
+        b.count = 0;
+        b.weight = 0;
+        b.sealed = false;
+        return n;
+    }
+
+    // Seals the open batch and opens a free one. When every batch waits for readers (a
+    // release under way retires a long chain of nested containers), the oldest moves to a
+    // block of its own on the spill list; without memory for that, it is released once the
+    // readers now in a section have left.
+    void seal() {
+        stamp(batches[open]);
+        for (uint32_t step = 1; step < kBatches; ++step) {
+            const uint32_t i = (open + step) % kBatches;
+            if (!batches[i].sealed) {
+                open = i;
+                return;
             }
         }
-        batches.clear();
+        uint32_t oldest = (open + 1) % kBatches;
+        for (uint32_t i = 0; i < kBatches; ++i)
+            if (batches[i].epoch < batches[oldest].epoch) oldest = i;
+        try {
+            spill.push_back(std::make_unique<Batch>(batches[oldest]));
+            takeOut(oldest, nullptr);
+        } catch (const std::bad_alloc&) {
+            Retired items[Batch::kItems];
+            const uint32_t n = takeOut(oldest, items);
+            open = oldest;
+            synchronize();
+            releaseAll(items, n);
+            return;
+        }
+        open = oldest;
     }
 
-    // Releasing may retire more (a storage's contents, a nested container's storage): the
-    // next round takes those, for as long as the readers let the epoch advance, so that a
-    // chain of nested containers goes in one call and without a call per level.
+    // Releases the spilled batches the readers let go of.
+    bool collectSpill(uint64_t now) {
+        if (spill.empty()) return false;
+        std::vector<std::unique_ptr<Batch>> ready;
+        size_t kept = 0;
+        for (size_t i = 0; i < spill.size(); ++i) {
+            if (spill[i]->epoch + 2 <= now) {
+                try {
+                    ready.push_back(std::move(spill[i]));
+                    continue;
+                } catch (const std::bad_alloc&) {
+                    // Kept for a later round.
+                }
+            }
+            spill[kept++] = std::move(spill[i]);
+        }
+        spill.resize(kept);
+        for (const auto& b : ready) releaseAll(b->items, b->count);
+        return !ready.empty();
+    }
+
+    void add(void* item, void (*release)(void*), size_t weight) {
+        Batch& b = batches[open];
+        b.items[b.count++] = Retired{item, release};
+        b.weight += static_cast<uint32_t>(weight);
+        if (b.count < Batch::kItems && b.weight < Batch::kItems) return;
+        seal();
+        // Releasing may retire many more (a container's nested containers): while it is
+        // under way they are sealed in full batches, for the next round.
+        if (!collecting) collect();
+    }
+
+    // Releases the batches the readers let go of. Releasing may retire more (a storage's
+    // chunks, a nested container's storage): the next round takes those, for as long as the
+    // readers let the epoch advance, so that a chain of nested containers goes in one call.
     void collect() {
         if (collecting) return;
         collecting = true;
         for (;;) {
-            seal();
+            if (batches[open].count != 0) seal();
             tryAdvance();
             const uint64_t now = tryAdvance();
-            takeOld(sealed, now, releasing);
-            Orphans& o = orphans();
-            if (o.count.load(std::memory_order_relaxed) != 0) {
-                std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
-                if (guard.owns_lock()) {
-                    takeOld(o.sealed, now, releasing);
-                    o.count.store(o.sealed.size(), std::memory_order_relaxed);
-                }
+            bool released = false;
+            for (uint32_t i = 0; i < kBatches; ++i) {
+                if (!batches[i].sealed || batches[i].epoch + 2 > now) continue;
+                Retired items[Batch::kItems];
+                const uint32_t n = takeOut(i, items);
+                releaseAll(items, n);
+                released = true;
             }
-            const bool dropped = !releasing.empty();
-            release(releasing);
-            if (!dropped || bag.empty()) break;
+            released |= collectSpill(now);
+            released |= collectOrphans(now);
+            if (!released || batches[open].count == 0) break;
         }
         collecting = false;
     }
+
+    static bool collectOrphans(uint64_t now) {
+        Orphans& o = orphans();
+        if (o.count.load(std::memory_order_relaxed) == 0) return false;
+        std::vector<Retired> ready;
+        {
+            std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
+            if (!guard.owns_lock()) return false;
+            size_t kept = 0;
+            for (size_t i = 0; i < o.items.size(); ++i) {
+                if (o.items[i].first + 2 <= now) {
+                    try {
+                        ready.push_back(o.items[i].second);
+                        continue;
+                    } catch (const std::bad_alloc&) {
+                        // Kept for a later round.
+                    }
+                }
+                o.items[kept++] = o.items[i];
+            }
+            o.items.resize(kept);
+            o.count.store(kept, std::memory_order_relaxed);
+        }
+        releaseAll(ready.data(), static_cast<uint32_t>(ready.size()));
+        return !ready.empty();
+    }
 };
+
+namespace {
 
 Local& local(Thread& t) {
     if (t.local == nullptr) {
@@ -243,74 +335,39 @@ Local& local(Thread& t) {
 
 }  // namespace
 
-Section::Section() : mThread(nullptr) {
-    Thread& t = tThread;
-    if (t.gone) return;  // an exiting thread reads nothing without locks
-    mThread = &t;
-    if (t.depth++ != 0) return;
-    if (t.record == nullptr) {
-        Local& l = local(t);
-        if (l.record == nullptr) l.record = acquireRecord();
-        t.record = l.record;
-    }
-    // A release store: whoever reads this announcement also sees that the thread's earlier
-    // sections (whose reads come before it) are over.
-    t.record->epoch.store(gEpoch.load(std::memory_order_acquire), std::memory_order_release);
-    fullFence();  // the announcement is visible before anything the section reads
-}
-
-Section::~Section() {
-    if (mThread == nullptr) return;
-    Thread& t = *static_cast<Thread*>(mThread);
-    if (--t.depth == 0) t.record->epoch.store(0, std::memory_order_release);
+Record* enter(Thread& t) {
+    Local& l = local(t);
+    if (l.record == nullptr) l.record = acquireRecord();
+    t.record = l.record;
+    return t.record;
 }
 
 namespace {
 
-void retireItem(Item&& item, size_t weight) noexcept {
+void retireItem(void* item, void (*release)(void*), size_t weight) noexcept {
+    Thread& t = tThread;
+    if (!t.gone) {
+        local(t).add(item, release, weight);
+        return;
+    }
+    // The thread is exiting: its retired items go to the threads that stay.
     try {
-        Thread& t = tThread;
-        if (t.gone) {
-            // The thread is exiting: its retired items go to the threads that stay.
-            Orphans& o = orphans();
-            std::lock_guard<std::mutex> guard(o.lock);
-            o.sealed.reserve(o.sealed.size() + 1);
-            Sealed one{0, {}};
-            one.items.reserve(1);
-            fullFence();
-            one.epoch = gEpoch.load(std::memory_order_acquire);
-            one.items.push_back(std::move(item));  // nothing below can throw
-            o.sealed.push_back(std::move(one));
-            o.count.store(o.sealed.size(), std::memory_order_relaxed);
-            return;
-        }
-        Local& l = local(t);
-        if (l.bag.capacity() == 0) l.bag.reserve(kBatch);  // batches stay small blocks
-        l.bag.push_back(std::move(item));
-        l.weight += weight;
-        if (l.collecting) {
-            // Releasing may retire many more (a container's nested containers): while it is
-            // under way they are sealed in full batches, for the next round, so that a long
-            // chain does not make a long list of short ones.
-            if (l.bag.size() >= kBatch) l.seal();
-        } else if (l.bag.size() >= kBatch || l.weight >= kBatch) {
-            l.collect();
-        }
+        Orphans& o = orphans();
+        std::lock_guard<std::mutex> guard(o.lock);
+        fullFence();
+        o.items.emplace_back(gEpoch.load(std::memory_order_acquire), Retired{item, release});
+        o.count.store(o.items.size(), std::memory_order_relaxed);
     } catch (const std::bad_alloc&) {
         // No memory to defer the release: wait out the readers instead.
         synchronize();
-        item.letGo();
+        release(item);
     }
 }
 
 }  // namespace
 
-void retire(std::shared_ptr<void>&& item) noexcept {
-    if (item) retireItem(Item(std::move(item)), 1);
-}
-
 void retire(void* item, void (*release)(void*), size_t weight) noexcept {
-    if (item != nullptr) retireItem(Item(item, release), weight);
+    if (item != nullptr) retireItem(item, release, weight);
 }
 
 void collect() {

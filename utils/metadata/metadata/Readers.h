@@ -9,15 +9,30 @@
 // and what was retired in epoch e is released once the epoch has advanced twice, which
 // needs every reader in a section to have seen the newer epoch or left.
 //
-// A section is one store to the thread's own record and one full fence; retire() is a push
-// onto a list of the thread's own, drained every kBatch items. Nothing is shared between
-// readers, so readers of one container on many threads do not slow each other down.
+// A section is one store to the thread's own record, ordered before the section's reads by
+// the other side: whoever scans the records first makes every thread of the process pass a
+// full barrier (the kernel's membarrier; where it is missing, each section fences itself).
+// retire() puts the item in a fixed ring of batches of the thread's own; a full batch is
+// sealed with the epoch and released two epochs later. Nothing is shared between readers, so
+// readers of one container on many threads do not slow each other down.
 //
 // Thread safety: every function may be called from any thread.
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "Pool.h"
+#include "Sync.h"
+
+// The thread's own state is reached on every section. Where the C library lets a library
+// loaded late keep it in the static TLS block (glibc), one instruction reaches it; elsewhere
+// (bionic refuses such a library at dlopen) the dynamic model stays.
+#if defined(__GLIBC__)
+#define ZORCAM_TLS_STATIC __attribute__((tls_model("initial-exec")))
+#else
+#define ZORCAM_TLS_STATIC
+#endif
 
 namespace NSCam {
 namespace readers {
@@ -25,25 +40,64 @@ namespace readers {
 // Retired items a thread collects before it tries to release them.
 constexpr size_t kBatch = 64;
 
+// The epoch a thread's section began in (0: the thread is in no section). One cache line
+// each, written only by its thread, so that readers never share a line they write.
+struct alignas(64) Record {
+    std::atomic<uint64_t> epoch{0};
+    std::atomic<bool> used{true};
+    Record* next = nullptr;  // fixed before the record is published
+};
+
+// What every section and retire touches: trivially constructed and destroyed, so that
+// reaching it is one look at thread-local storage with no guard.
+struct Thread {
+    Record* record;       // null until the thread's first section
+    int depth;            // sections open
+    struct Local* local;  // null until the thread's first section or retire
+    bool gone;            // the thread is exiting: its Local is destroyed
+};
+extern thread_local Thread tThread ZORCAM_TLS_STATIC;
+extern std::atomic<uint64_t> gEpoch;
+// Whether readers leave their fence to the other side (see Readers.cpp).
+extern const bool gAsymmetric;
+// The first section of a thread: its record.
+Record* enter(Thread& t);
+
 // The first load a section makes of the data it protects must be an acquire load.
 class Section {
 public:
-    Section();
-    ~Section();
+    Section() : mThread(nullptr) {
+        Thread& t = tThread;
+        if (__builtin_expect(t.gone, 0)) return;  // an exiting thread reads nothing unlocked
+        mThread = &t;
+        if (t.depth++ != 0) return;
+        Record* r = __builtin_expect(t.record != nullptr, 1) ? t.record : enter(t);
+        // Whoever reads this announcement after a process-wide fence also sees that the
+        // thread's earlier sections (whose reads come before it) are over.
+        r->epoch.store(gEpoch.load(std::memory_order_acquire), std::memory_order_release);
+        // The announcement comes before anything the section reads.
+        if (gAsymmetric)
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        else
+            fullFence();
+    }
+    ~Section() {
+        if (mThread == nullptr) return;
+        Thread& t = *mThread;
+        if (--t.depth == 0) t.record->epoch.store(0, std::memory_order_release);
+    }
     Section(const Section&) = delete;
     Section& operator=(const Section&) = delete;
     // False on a thread that is exiting: it must take the lock instead.
     bool pinned() const { return mThread != nullptr; }
 
 private:
-    void* mThread;  // the thread's record of its sections
+    Thread* mThread;
 };
 
-// Lets go of `item` once no reader in a section can still reach it.
-void retire(std::shared_ptr<void>&& item) noexcept;
-// The same for something that is let go of by calling `release(item)`. `weight` says how much
-// it may hold (a whole table weighs more than one value): a thread's retired items are
-// released once they weigh kBatch.
+// Lets go of `item`, by calling `release(item)`, once no reader in a section can still reach
+// it. `weight` says how much it may hold (a whole table weighs more than one chunk): a thread
+// seals a batch of retired items once they number or weigh kBatch.
 void retire(void* item, void (*release)(void*), size_t weight = 1) noexcept;
 
 // Releases what can be released now, on this thread (for tests and for idle moments).

@@ -64,15 +64,46 @@ constexpr SectionTable makeSectionTable() {
 
 inline constexpr SectionTable kSections = makeSectionTable();
 
+// The two tables a lookup reads, each entry in one word: a group's base and section count, and
+// a section's first slot and slot count (the slot count is 0 for a section that does not
+// exist, so that every index falls outside it).
+struct Group {
+    uint16_t base;
+    uint16_t sections;
+};
+struct Section {
+    uint16_t start;
+    uint16_t slots;
+};
+constexpr auto kGroups = [] {
+    struct Groups {
+        Group g[16];
+    } t{};
+    for (uint32_t i = 0; i < 16; ++i)
+        t.g[i] = Group{static_cast<uint16_t>(kGroupBase[i]),
+                       static_cast<uint16_t>(kGroupSections[i])};
+    return t;
+}();
+constexpr auto kSectionSlots = [] {
+    struct Sections {
+        Section s[kSectionEntries];
+    } t{};
+    for (uint32_t i = 0; i < kSectionEntries; ++i)
+        t.s[i] = kSections.start[i] == kNone
+                     ? Section{0, 0}
+                     : Section{static_cast<uint16_t>(kSections.start[i]),
+                               static_cast<uint16_t>(kSections.slots[i])};
+    return t;
+}();
+
 // The slot of a tag, or kNone for a tag outside the map.
 constexpr uint32_t slotOf(uint32_t tag) {
-    const uint32_t group = tag >> 28;
+    const Group g = kGroups.g[tag >> 28];
     const uint32_t section = (tag >> 16) & 0xFFF;
     const uint32_t index = tag & 0xFFFF;
-    if (section >= kGroupSections[group]) return kNone;
-    const uint32_t entry = kGroupBase[group] + section;
-    if (kSections.start[entry] == kNone || index >= kSections.slots[entry]) return kNone;
-    return kSections.start[entry] + index;
+    if (section >= g.sections) return kNone;
+    const Section s = kSectionSlots.s[g.base + section];
+    return index < s.slots ? s.start + index : kNone;
 }
 
 static_assert(slotOf(0x00000000) == 0 && slotOf(0x00230000) == 174, "section 0x23 of group 0");
