@@ -706,8 +706,13 @@ struct ItemTable::Impl {
     static void replace(ItemTable& t, size_t row, RowValue&& v) {
         const size_t k = row / kRows;
         const uint32_t r = static_cast<uint32_t>(row % kRows);
-        Directory* d = ownDirectory(t, k + 1);
-        Chunk* c = ownChunk(t, d, k);
+        // The usual case first: a directory and a chunk of the table's own.
+        Directory* d = directory(t);
+        if (d->refs.load(std::memory_order_acquire) != 1) d = ownDirectory(t, k + 1);
+        const uintptr_t e = d->entries()[k].load(std::memory_order_relaxed);
+        Chunk* c = pointerOf<Chunk>(e);
+        if (isBorrowed(e) || c->refs.load(std::memory_order_acquire) != 1)
+            c = ownChunk(t, d, k);
         uint8_t* rec = c->recordOf(r);
         std::shared_ptr<Content> dropped;  // released once the row is whole again
         if (!c->isObject(r) && record::lengthOf(rec) != record::kObjectRow &&
@@ -875,7 +880,17 @@ struct ItemTable::Impl {
         uint32_t size() const { return word & kMaxSize; }
         void set(uint32_t kind, size_t size) { word = kind << 30 | static_cast<uint32_t>(size); }
     };
-    static constexpr size_t kStackRecords = 256;
+    static constexpr size_t kStackRecords = 32;
+
+    // The slot index a decode gathers in its first walk.
+    struct Gathered {
+        uint8_t pageOf[Index::kPages];
+        uint16_t pages[Index::kPages][Index::kPageSlots];
+    };
+    static Gathered& gathered() {
+        static thread_local Gathered g;
+        return g;
+    }
 };
 
 //------------------------------------------------------------------------------------------
@@ -1053,15 +1068,26 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
     // gathered (pages of the slot map made as tags touch them; tags outside the map counted).
     // A repeated tag, a record the table cannot take without a report, or one whose content
     // would be refused, ends the walk: the sequential decoder, which reports, takes over.
+    // A few records' facts on the stack (a decode recurses once per nesting level), more in a
+    // block of the thread's cache or the heap.
     DecodeRecord onStack[Impl::kStackRecords];
-    std::unique_ptr<DecodeRecord[]> onHeap;
+    struct Scratch {
+        void* block = nullptr;
+        size_t bytes = 0;
+        ~Scratch() { pool::give(block, bytes); }
+    } scratch;
     DecodeRecord* recs = onStack;
     if (records > Impl::kStackRecords) {
-        onHeap.reset(new DecodeRecord[records]);
-        recs = onHeap.get();
+        scratch.bytes = records * sizeof(DecodeRecord);
+        scratch.block = pool::take(scratch.bytes);
+        recs = static_cast<DecodeRecord*>(scratch.block);
     }
-    uint8_t pageOf[Index::kPages] = {};  // page number + 1 in `pages`, 0 for none
-    uint16_t pages[Index::kPages][Index::kPageSlots];
+    // The index being gathered: the thread's own, as it is done with before the decode
+    // recurses into nested containers.
+    Impl::Gathered& gathered = Impl::gathered();
+    uint8_t (&pageOf)[Index::kPages] = gathered.pageOf;  // page number + 1, 0 for none
+    uint16_t (&pages)[Index::kPages][Index::kPageSlots] = gathered.pages;
+    std::memset(pageOf, 0, sizeof(pageOf));
     uint32_t usedPages = 0, outside = 0;
     flat::Walker walker(buf, flat::tDecode.nested);
     const bool trusted = flat::tDecode.trusted;

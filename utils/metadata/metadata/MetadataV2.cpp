@@ -564,14 +564,24 @@ private:
 
 }  // namespace
 
-// A destroyed container is never used again; every checked operation ends the process when
-// it meets one, naming itself.
-void IMetadata::checkValid(const char* operation) const {
-    if (__builtin_expect(validNum() != 0, 1)) return;
+namespace {
+
+[[noreturn]] __attribute__((noinline, cold)) void reportInvalid(const char* operation,
+                                                                const void* self, uint32_t valid,
+                                                                uint32_t backup) {
     META_FATAL_FLUSH_AS(operation,
                         "this %p object already be free! mValidNum invalid(%x) "
                         "mValidNumBackup(%x)",
-                        static_cast<const void*>(this), validNum(), mValidNumBackup);
+                        self, valid, backup);
+}
+
+}  // namespace
+
+// A destroyed container is never used again; every checked operation ends the process when
+// it meets one, naming itself.
+inline void IMetadata::checkValid(const char* operation) const {
+    if (__builtin_expect(validNum() != 0, 1)) return;
+    reportInvalid(operation, this, validNum(), mValidNumBackup);
 }
 
 void IMetadata::assignValidNumber() {
@@ -655,17 +665,14 @@ void IMetadata::installLocked(std::shared_ptr<Storage> storage) const {
     letGo(std::move(old));
 }
 
-void IMetadata::makeWritableLocked() const {
-    if (!mStorage) {
-        installLocked(newStorage());
-        return;
-    }
+inline void IMetadata::makeWritableLocked() const {
     // The shared flag alone decides: a storage once handed out is cloned even when this
-    // container is its last owner. The values stay shared; they copy on write themselves.
-    if (mStorage->mShared.load(std::memory_order_relaxed) == 0) return;
-    std::shared_ptr<Storage> clone = newStorage();
-    clone->mItemTable = mStorage->mItemTable;  // rows shared chunk by chunk
-    installLocked(std::move(clone));
+    // container is its last owner. The rows stay shared; they copy on write themselves.
+    if (__builtin_expect(mStorage && mStorage->mShared.load(std::memory_order_relaxed) == 0, 1))
+        return;
+    std::shared_ptr<Storage> made = newStorage();
+    if (mStorage) made->mItemTable = mStorage->mItemTable;  // shares the directory
+    installLocked(std::move(made));
 }
 
 std::shared_ptr<Storage> IMetadata::getStorageSP() const {

@@ -115,6 +115,7 @@ struct Retired {
 struct Batch {
     static constexpr uint32_t kItems = kBatch;
     uint64_t epoch = 0;
+    uint64_t seq = 0;  // the order batches were sealed in, which is the order they go in
     uint32_t count = 0;
     uint32_t weight = 0;
     bool sealed = false;
@@ -149,6 +150,7 @@ struct Local {
     uint32_t open = 0;  // the batch taking retired items
     bool collecting = false;
     std::vector<std::unique_ptr<Batch>> spill;  // sealed batches the ring had no room for
+    uint64_t sealedBatches = 0;
 
     ~Local() {
         tThread.gone = true;
@@ -168,29 +170,41 @@ struct Local {
             for (const Batch& b : batches) total += b.sealed ? b.count : 0;
             for (const auto& b : spill) total += b->count;
             o.items.reserve(o.items.size() + total);  // the one step that may throw
-            for (Batch& b : batches) {
-                if (!b.sealed) continue;
-                for (uint32_t i = 0; i < b.count; ++i) o.items.emplace_back(b.epoch, b.items[i]);
-                b.sealed = false;
-                b.count = 0;
-            }
+            // In the order they were sealed: what one item needs may be retired after it.
             for (const auto& b : spill)
                 for (uint32_t i = 0; i < b->count; ++i) o.items.emplace_back(b->epoch, b->items[i]);
             spill.clear();
+            for (;;) {
+                Batch* next = nullptr;
+                for (Batch& b : batches)
+                    if (b.sealed && (next == nullptr || b.seq < next->seq)) next = &b;
+                if (next == nullptr) break;
+                for (uint32_t i = 0; i < next->count; ++i)
+                    o.items.emplace_back(next->epoch, next->items[i]);
+                next->sealed = false;
+                next->count = 0;
+            }
             o.count.store(o.items.size(), std::memory_order_relaxed);
         } catch (const std::bad_alloc&) {
             synchronize();
-            for (Batch& b : batches)
-                if (b.sealed) releaseAll(b.items, b.count);
             for (const auto& b : spill) releaseAll(b->items, b->count);
+            for (;;) {
+                Batch* next = nullptr;
+                for (Batch& b : batches)
+                    if (b.sealed && (next == nullptr || b.seq < next->seq)) next = &b;
+                if (next == nullptr) break;
+                next->sealed = false;
+                releaseAll(next->items, next->count);
+            }
         }
     }
 
     // The epoch after the fence is no earlier than any reader that could still reach what
     // the batch holds: everything in it was unreachable before the fence.
-    static void stamp(Batch& b) {
+    void stamp(Batch& b) {
         fullFence();
         b.epoch = gEpoch.load(std::memory_order_acquire);
+        b.seq = ++sealedBatches;
         b.sealed = true;
     }
 
@@ -222,7 +236,7 @@ struct Local {
         }
         uint32_t oldest = (open + 1) % kBatches;
         for (uint32_t i = 0; i < kBatches; ++i)
-            if (batches[i].epoch < batches[oldest].epoch) oldest = i;
+            if (batches[i].seq < batches[oldest].seq) oldest = i;
         try {
             spill.push_back(std::make_unique<Batch>(batches[oldest]));
             takeOut(oldest, nullptr);
@@ -237,25 +251,22 @@ struct Local {
         open = oldest;
     }
 
-    // Releases the spilled batches the readers let go of.
+    // Releases the spilled batches the readers let go of. They were sealed before any batch
+    // of the ring, oldest first, and epochs never go back: the releasable ones lead.
     bool collectSpill(uint64_t now) {
-        if (spill.empty()) return false;
-        std::vector<std::unique_ptr<Batch>> ready;
-        size_t kept = 0;
-        for (size_t i = 0; i < spill.size(); ++i) {
-            if (spill[i]->epoch + 2 <= now) {
-                try {
-                    ready.push_back(std::move(spill[i]));
-                    continue;
-                } catch (const std::bad_alloc&) {
-                    // Kept for a later round.
-                }
-            }
-            spill[kept++] = std::move(spill[i]);
+        size_t ready = 0;
+        while (ready < spill.size() && spill[ready]->epoch + 2 <= now) ++ready;
+        if (ready == 0) return false;
+        std::vector<std::unique_ptr<Batch>> taken;
+        try {
+            taken.reserve(ready);
+        } catch (const std::bad_alloc&) {
+            return false;  // for a later round
         }
-        spill.resize(kept);
-        for (const auto& b : ready) releaseAll(b->items, b->count);
-        return !ready.empty();
+        for (size_t i = 0; i < ready; ++i) taken.push_back(std::move(spill[i]));
+        spill.erase(spill.begin(), spill.begin() + static_cast<std::ptrdiff_t>(ready));
+        for (const auto& b : taken) releaseAll(b->items, b->count);
+        return true;
     }
 
     void add(void* item, void (*release)(void*), size_t weight) {
@@ -279,15 +290,20 @@ struct Local {
             if (batches[open].count != 0) seal();
             tryAdvance();
             const uint64_t now = tryAdvance();
-            bool released = false;
-            for (uint32_t i = 0; i < kBatches; ++i) {
-                if (!batches[i].sealed || batches[i].epoch + 2 > now) continue;
+            // Oldest first: what one item needs (a block's storage) may be retired after it.
+            bool released = collectSpill(now);
+            for (;;) {
+                uint32_t next = kBatches;
+                for (uint32_t i = 0; i < kBatches; ++i)
+                    if (batches[i].sealed && batches[i].epoch + 2 <= now &&
+                        (next == kBatches || batches[i].seq < batches[next].seq))
+                        next = i;
+                if (next == kBatches) break;
                 Retired items[Batch::kItems];
-                const uint32_t n = takeOut(i, items);
+                const uint32_t n = takeOut(next, items);
                 releaseAll(items, n);
                 released = true;
             }
-            released |= collectSpill(now);
             released |= collectOrphans(now);
             if (!released || batches[open].count == 0) break;
         }
