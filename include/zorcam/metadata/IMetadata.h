@@ -133,10 +133,10 @@ public:
     private:
         friend struct ::NSCam::MetadataInspector;
         friend class IMetadata;
-        // The tag and the values in one look under the lock, the values marked shared (an
-        // entry without a tag: its values only when `tag` is not all ones).
-        std::shared_ptr<Content> share(uint32_t& tag) const;
-        std::shared_ptr<Content> shareIfTagged(uint32_t& tag) const;
+        // The tag and the values in one look under the lock, as a container files them, the
+        // values marked shared: basic values of up to `room` bytes copied to `buffer`, any
+        // other content shared. An entry without a tag gives no values unless `untagged`.
+        RowValue toFile(uint32_t& tag, bool untagged, uint8_t* buffer, size_t room) const;
         // Under mLock, before every edit: a missing content is created, a read-only one
         // replaced by a private copy. Returns the replaced content, to be held until the
         // edit is done.

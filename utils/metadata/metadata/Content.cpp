@@ -203,6 +203,20 @@ void Content::releaseArrays() {
     }
 }
 
+bool Content::plainValues(size_t& bytes) const {
+    // Values longer than this stay in their content: a record's length field holds 32 bits.
+    constexpr int32_t kMaxRecordElements = (1 << 30) / static_cast<int32_t>(sizeof(MRect));
+    if (mCount == 0) {
+        bytes = 0;
+        return true;
+    }
+    if (!isBasicType(mType) || mCount < 0 || mCount > kMaxRecordElements ||
+        (mHeld != Held::kBytes && mCount != 1))
+        return false;  // also a broken content, which meets its fatal check where it is read
+    bytes = static_cast<size_t>(kTypeFacts[mType].size) * static_cast<size_t>(mCount);
+    return true;
+}
+
 bool Content::clear() {
     releaseArrays();
     mType = -1;

@@ -88,6 +88,10 @@ public:
                               const uint8_t* payload, size_t bytes);
     long unflatten(const void* buf, size_t size);
 
+    // True when the content is basic values (or none) that a table row may hold as a record
+    // of the flat form: `bytes` receives the size of the values.
+    bool plainValues(size_t& bytes) const;
+
     bool isReadOnly() const { return mReadOnly.load(std::memory_order_relaxed) != 0; }
     void markReadOnly() { mReadOnly.store(1, std::memory_order_relaxed); }
 
@@ -140,6 +144,35 @@ private:
     long unflattenBasic(flat::Reader& r, size_t count);
     bool refuseElement(int index, int type, const char* operation) const;
     static long finishRecord(const flat::Writer& w);
+};
+
+// A value to file in a row: basic values (or none), laid out as a record, or a content object.
+struct RowValue {
+    enum class Kind : uint8_t { kNone, kValues, kObject };
+    Kind kind = Kind::kNone;
+    int32_t type = -1;
+    int32_t count = 0;
+    const void* payload = nullptr;  // count x the type's size bytes
+    size_t bytes = 0;
+    std::shared_ptr<IMetadata::Content> object;
+
+    static RowValue none() { return RowValue(); }
+    static RowValue values(int32_t type, int32_t count, const void* payload, size_t bytes) {
+        RowValue v;
+        v.kind = Kind::kValues;
+        v.type = type;
+        v.count = count;
+        v.payload = payload;
+        v.bytes = bytes;
+        return v;
+    }
+    // A content to file: basic values of a content marked shared are copied into the row (the
+    // content itself is not kept); anything else is kept as the row's object.
+    static RowValue of(std::shared_ptr<IMetadata::Content>&& content);
+    // Bytes of the row's record: its head, and the content record of values.
+    size_t recordSize() const {
+        return flat::kRecordHead + (kind == Kind::kValues ? flat::kContentHeader + bytes : 0);
+    }
 };
 
 // Applies a macro to each of the eleven stored element types.

@@ -112,19 +112,19 @@ std::shared_ptr<Content> IEntry::getContentSP() const {
     return mContentPtr;
 }
 
-std::shared_ptr<Content> IEntry::share(uint32_t& tag) const {
+RowValue IEntry::toFile(uint32_t& tag, bool untagged, uint8_t* buffer, size_t room) const {
     std::lock_guard<std::mutex> guard(mLock);
     tag = mTag.load(std::memory_order_relaxed);
-    if (mContentPtr) mContentPtr->markReadOnly();
-    return mContentPtr;
-}
-
-std::shared_ptr<Content> IEntry::shareIfTagged(uint32_t& tag) const {
-    std::lock_guard<std::mutex> guard(mLock);
-    tag = mTag.load(std::memory_order_relaxed);
-    if (tag == 0xFFFFFFFFu) return nullptr;
-    if (mContentPtr) mContentPtr->markReadOnly();
-    return mContentPtr;
+    if ((!untagged && tag == 0xFFFFFFFFu) || !mContentPtr) return RowValue::none();
+    Content& c = *mContentPtr;
+    c.markReadOnly();
+    size_t bytes = 0;
+    if (c.plainValues(bytes) && bytes <= room) {
+        // Copied while the lock holds the values still: no reference to take and drop.
+        if (bytes != 0) std::memcpy(buffer, c.elements(), bytes);
+        return RowValue::values(c.mType, c.mCount, buffer, bytes);
+    }
+    return RowValue::of(std::shared_ptr<Content>(mContentPtr));
 }
 
 std::shared_ptr<Content> IEntry::_ContentMakeWritable() {

@@ -27,8 +27,6 @@ constexpr uint32_t kRows = Chunk::kRows;
 constexpr uintptr_t kBorrowed = Directory::kBorrowed;
 // A row's content while one caller installs it (see contentSPAt).
 Content* const kMaking = reinterpret_cast<Content*>(uintptr_t{1});
-// Values longer than this stay in their content: a record's length field holds 32 bits.
-constexpr size_t kMaxRecordValues = size_t{1} << 30;
 // Room a chunk's first row asks for, per row it will hold, and the most a chunk asks for
 // up front (so that a chunk of small rows stays in one pooled block).
 constexpr size_t kMaxFirstCapacity = 1024 - sizeof(Chunk);
@@ -253,18 +251,9 @@ void ItemTable::BufferQueue::give(void* block) noexcept {
 RowValue RowValue::of(std::shared_ptr<Content>&& content) {
     RowValue v;
     if (!content) return v;
-    const Content& c = *content;
-    const bool plain =
-        c.isReadOnly() &&
-        (c.mCount == 0 ||
-         (isBasicType(c.mType) && c.mCount > 0 &&
-          (c.mHeld == Content::Held::kBytes || c.mCount == 1) &&
-          static_cast<size_t>(c.mCount) <= kMaxRecordValues / sizeof(MRect)));
-    if (plain) {
-        const size_t bytes = c.mCount == 0 ? 0
-                                           : static_cast<size_t>(kTypeFacts[c.mType].size) *
-                                                 static_cast<size_t>(c.mCount);
-        v = values(c.mType, c.mCount, c.elements(), bytes);
+    size_t bytes = 0;
+    if (content->isReadOnly() && content->plainValues(bytes)) {
+        v = values(content->mType, content->mCount, content->elements(), bytes);
     } else {
         v.kind = Kind::kObject;
     }
@@ -312,6 +301,12 @@ struct ItemTable::Impl {
     // first: the copy borrows what it points to from the shared one (one reference to it), or,
     // at the end of a chain of such copies, takes its own reference to each part.
     static Directory* ownDirectory(ItemTable& t, size_t chunks) {
+        Directory* d = directory(t);
+        if (d != nullptr && d->capacity >= chunks && d->refs.load(std::memory_order_acquire) == 1)
+            return d;
+        return makeOwnDirectory(t, chunks);
+    }
+    static __attribute__((noinline)) Directory* makeOwnDirectory(ItemTable& t, size_t chunks) {
         Directory* d = directory(t);
         size_t capacity = 4;
         while (capacity < chunks) capacity *= 2;

@@ -95,34 +95,6 @@ struct RowView {
     const uint8_t* payload() const { return record + record::kPayload; }
 };
 
-// A value to file in a row: basic values (or none), laid out as a record, or a content object.
-struct RowValue {
-    enum class Kind : uint8_t { kNone, kValues, kObject };
-    Kind kind = Kind::kNone;
-    int32_t type = -1;
-    int32_t count = 0;
-    const void* payload = nullptr;  // count x the type's size bytes
-    size_t bytes = 0;
-    std::shared_ptr<Content> object;
-
-    static RowValue none() { return RowValue(); }
-    static RowValue values(int32_t type, int32_t count, const void* payload, size_t bytes) {
-        RowValue v;
-        v.kind = Kind::kValues;
-        v.type = type;
-        v.count = count;
-        v.payload = payload;
-        v.bytes = bytes;
-        return v;
-    }
-    // A content to file: basic values of a content marked shared are copied into the row (the
-    // content itself is not kept); anything else is kept as the row's object.
-    static RowValue of(std::shared_ptr<Content>&& content);
-    size_t recordSize() const {
-        return record::kHead + (kind == Kind::kValues ? flat::kContentHeader + bytes : 0);
-    }
-};
-
 // Rows of one chunk: up to kRows, their records back to back in row order.
 struct IMetadata::Storage::ItemTable::Chunk {
     static constexpr uint32_t kRows = 16;

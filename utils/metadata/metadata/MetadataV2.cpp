@@ -722,28 +722,35 @@ int IMetadata::sort() {
     return 0;
 }
 
+namespace {
+// Basic values up to this size are copied out of an entry being filed, rather than shared.
+constexpr size_t kCopiedFromEntry = 256;
+}  // namespace
+
 int IMetadata::update(uint32_t tag, const IEntry& entry) {
     // The entry is read once, under its own lock, before the container's is taken (the two
     // are never held together). Its tag and values must come from that one look: read
     // separately, an assignment to the entry in between would file one entry's values under
     // another's tag.
     uint32_t entryTag = kNoTag;
-    std::shared_ptr<Content> content = entry.share(entryTag);
+    alignas(8) uint8_t buffer[kCopiedFromEntry];
+    RowValue value = entry.toFile(entryTag, true, buffer, sizeof(buffer));
     if (entryTag != kNoTag && entryTag != tag)
         META_LOGE_CALLSTACK("tag mismatch update tag=%x but entry.tag=%x", tag, entryTag);
-    return update(tag, RowValue::of(std::move(content)));
+    return update(tag, std::move(value));
 }
 
 int IMetadata::update(const IEntry& entry) {
     // Tag and values are taken in one look at the entry, as above; an entry refused for its
     // tag is left exactly as it was (its values are not marked shared).
     uint32_t tag = kNoTag;
-    std::shared_ptr<Content> content = entry.shareIfTagged(tag);
+    alignas(8) uint8_t buffer[kCopiedFromEntry];
+    RowValue value = entry.toFile(tag, false, buffer, sizeof(buffer));
     if (tag == kNoTag) {
         META_LOGE_TRACE("entry without valid tag value");
         return -1;
     }
-    return update(tag, RowValue::of(std::move(content)));
+    return update(tag, std::move(value));
 }
 
 int IMetadata::update(uint32_t tag, RowValue&& value) {
