@@ -96,4 +96,44 @@ TEST(ItemTableTest, AFailedAllocationLeavesTheTableAsItWas) {
     }
 }
 
+// Copies of copies share a directory, then borrow the chunks of the one they were copied from
+// (a few levels deep), then own references to them: whichever goes first, every copy keeps its
+// own rows, and what it borrows or shares is not released under it (a sanitizer build sees a
+// chunk released too early, a leak checker one never released).
+TEST(ItemTableTest, CopiesOfCopiesKeepTheirRowsWhicheverGoesFirst) {
+    using Value = std::pair<uint32_t, int32_t>;  // tag, type of its values
+    auto rowsOfTypes = [](const Table& t) {
+        std::vector<Value> out;
+        for (size_t r = 0; r < t.size(); ++r) out.emplace_back(t.tagAt(r), t.contentAt(r)->mType);
+        return out;
+    };
+    for (int order = 0; order < 2; ++order) {
+        std::vector<std::unique_ptr<Table>> tables;
+        std::vector<std::vector<Value>> want;
+        tables.push_back(std::make_unique<Table>());
+        std::vector<ContentSP> held;
+        fill(*tables[0], 40, held);
+        for (int level = 1; level <= 5; ++level) {
+            tables.push_back(std::make_unique<Table>());
+            *tables[level] = *tables[level - 1];
+            // A value of another type in one chunk, a new row in another, a removal in a third.
+            ContentSP c = Content::make();
+            c->update(-1, &level, 1, NSCam::TYPE_INT32);
+            c->markReadOnly();
+            tables[level]->update(0x91000000u + static_cast<uint32_t>(level), c);
+            tables[level]->update(0x7F000000u + static_cast<uint32_t>(level), fresh());
+            tables[level]->remove(0x91000000u + 20 + static_cast<uint32_t>(level));
+        }
+        for (const auto& t : tables) want.push_back(rowsOfTypes(*t));
+        for (size_t i = 0; i < tables.size(); ++i) {
+            const size_t gone = order == 0 ? i : tables.size() - 1 - i;
+            tables[gone].reset();
+            for (size_t j = 0; j < tables.size(); ++j) {
+                if (!tables[j]) continue;
+                EXPECT_EQ(rowsOfTypes(*tables[j]), want[j]) << order << " " << j;
+            }
+        }
+    }
+}
+
 }  // namespace

@@ -106,6 +106,47 @@ TEST_F(MetadataTest, MismatchedOrMissingTagsAndNewRowsBeyondTheLimitAreReported)
                                                     ".32767 rows., tag 30000 not merged")));
 }
 
+// A row's values are handed out as a content made from them, kept with the row until the row
+// changes: entries of one row share it. A write of the same shape goes into the row where it
+// lies, one of another shape rebuilds its chunk; neither changes what was handed out, nor a
+// copy of the container. Rows in the first chunk of a small table and past it in a large one.
+TEST(RowContentTest, HandedOutValuesAndCopiesKeepTheirValuesWhateverTheWriteDoes) {
+    auto read = [](const IMetadata& m, uint32_t tag) {
+        int v = -1;
+        EXPECT_TRUE(IMetadata::getEntry<int>(&m, tag, v));
+        EXPECT_EQ(m.entryFor(tag).itemAt(0, kInt), v);  // the lock-free and the locked read
+        return v;
+    };
+    for (const size_t rows : {3u, 40u}) {
+        Rows init;
+        for (uint32_t i = 0; i < rows; ++i) init.emplace_back(0x91000000 + i, int(i));
+        init.emplace_back(0x7F000001, 100);  // past the map
+        IMetadata m = with(init);
+        for (const uint32_t tag : {0x91000001u, 0x91000000u + uint32_t(rows) - 1, 0x7F000001u}) {
+            SCOPED_TRACE(::testing::Message() << rows << " rows, tag " << std::hex << tag);
+            const IMetadata::IEntry a = m.entryFor(tag), b = m.entryFor(tag);
+            EXPECT_EQ(In::content(a), In::content(b));
+            const int before = read(m, tag);
+            const auto* p = static_cast<const int*>(a.data());
+            IMetadata::setEntry<int>(&m, tag, before + 1000);  // in place
+            EXPECT_EQ(read(m, tag), before + 1000);
+            EXPECT_NE(In::content(m.entryFor(tag)), In::content(a));
+            const IMetadata copy(m);
+            IMetadata::setEntry<int>(&m, tag, before + 2000);  // in place, in a chunk of its own
+            EXPECT_EQ(read(copy, tag), before + 1000);
+            IMetadata::IEntry wider(tag);
+            wider.push_back(std::vector<int>{7, 8}.data(), 2, kInt);
+            m.update(wider);  // another shape, into the copy's own chunk
+            IMetadata::setEntry<int>(&m, tag + 0x10000, 5);
+            EXPECT_EQ(read(copy, tag), before + 1000);
+            EXPECT_EQ(m.entryFor(tag).itemAt(1, kInt), 8);
+            EXPECT_TRUE(*p == before && a.itemAt(0, kInt) == before && b.count() == 1);
+            IMetadata::setEntry<int>(&m, tag, before);
+        }
+        EXPECT_EQ(m.count(), init.size() + 3);
+    }
+}
+
 // Runs `fn` on a thread with a 1 MiB stack, as camera threads often have.
 void onSmallStack(const std::function<void()>& fn) {
     pthread_attr_t attr;

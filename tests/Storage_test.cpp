@@ -83,4 +83,57 @@ TEST_F(StorageTest, TruncatedOrDamagedBlocksAreRefused) {
     EXPECT_EQ(flat(s), before);
 }
 
+// What a rebuilt table holds, written back: a repeated tag keeps its first place and takes
+// its last values (also through a tag sharing its slot, and past the map), a record's spare
+// bytes are not kept, a blob among values stays one. Tables of a few rows and of more than 16
+// are built differently, and so are forms with and without repeats: each pair is here.
+TEST_F(StorageTest, RebuiltTablesHoldWhatTheRecordsSayInTheirOrder) {
+    auto rec = [](uint32_t tag, V v, uint32_t spare = 0) {
+        W w = {tag, static_cast<uint32_t>(12 + 4 * v.size() + spare), kContent, kInt,
+               static_cast<uint32_t>(v.size())};
+        w.insert(w.end(), v.begin(), v.end());
+        w.insert(w.end(), spare / 4, 0xEEEEEEEE);
+        return w;
+    };
+    auto form = [](std::vector<W> records) {
+        W w = {kMagic, static_cast<uint32_t>(records.size())};
+        for (const W& r : records) w.insert(w.end(), r.begin(), r.end());
+        return w;
+    };
+    auto many = [&](size_t n, std::vector<W> tail) {  // n distinct rows, then `tail`
+        std::vector<W> rows;
+        for (size_t i = 0; i < n; ++i) rows.push_back(rec(0x91000000 + i, {int(i)}));
+        rows.insert(rows.end(), tail.begin(), tail.end());
+        return rows;
+    };
+    const W blob = {0x00050000, 12 + 4 + 3 * 4, kContent, NSCam::TYPE_Memory, 1, 12, 1, 2, 3};
+    const struct {
+        const char* name;
+        std::vector<W> in, out;
+    } cases[] = {
+        {"repeat", {rec(0x00010000, {1}), rec(0x00020000, {2}), rec(0x00010000, {3, 4})},
+         {rec(0x00010000, {3, 4}), rec(0x00020000, {2})}},
+        {"slot sharers", {rec(0x10010000, {1}), rec(0x80010000, {2})}, {rec(0x10010000, {2})}},
+        {"spare bytes", {rec(0x00010000, {1}, 8), blob, rec(0x7F000001, {2}, 4)},
+         {rec(0x00010000, {1}), blob, rec(0x7F000001, {2})}},
+        {"20 rows", many(20, {rec(0x7F000002, {7}, 4), blob}),
+         many(20, {rec(0x7F000002, {7}), blob})},
+        {"20 rows, a repeat", many(20, {rec(0x91000003, {9})}),
+         [&] {
+             std::vector<W> rows = many(20, {});
+             rows[3] = rec(0x91000003, {9});
+             return rows;
+         }()},
+        {"20 rows, a repeat past the map", many(20, {rec(0x7F000002, {1}), rec(0x7F000002, {2})}),
+         many(20, {rec(0x7F000002, {2})})},
+    };
+    for (const auto& c : cases) {
+        const W in = form(c.in);
+        EXPECT_EQ(s.unflatten(in.data(), 4 * in.size()), static_cast<long>(4 * in.size()))
+            << c.name;
+        EXPECT_EQ(flat(s), form(c.out)) << c.name;
+    }
+    EXPECT_TRUE(log.take().empty());
+}
+
 }  // namespace
