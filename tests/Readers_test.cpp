@@ -1,0 +1,177 @@
+// The deferred release behind the reads without the lock, on its own: what is retired while a
+// reader is in a section outlives the section and no more, goes in the order it was retired,
+// and is released even when releasing retires more, or when the thread that retired it exits.
+// Threads enter and leave their sections at chosen points; the epochs advance only when the
+// test collects.
+#include "Readers.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using NSCam::readers::collect;
+using NSCam::readers::retire;
+using NSCam::readers::Section;
+
+// Records the order in which items are released.
+struct Released {
+    std::mutex lock;
+    std::vector<int> order;
+    void note(int id) {
+        std::lock_guard<std::mutex> guard(lock);
+        order.push_back(id);
+    }
+    size_t count() {
+        std::lock_guard<std::mutex> guard(lock);
+        return order.size();
+    }
+};
+Released gReleased;
+
+struct Item {
+    int id;
+};
+void releaseItem(void* p) {
+    auto* item = static_cast<Item*>(p);
+    gReleased.note(item->id);
+    delete item;
+}
+void retireItem(int id) {
+    retire(new Item{id}, releaseItem);
+}
+
+// A thread that holds a section open from `enter()` until `leave()`.
+class Reader {
+public:
+    Reader()
+        : mThread([this] {
+              std::unique_lock<std::mutex> guard(mLock);
+              mCv.wait(guard, [this] { return mState == 1; });
+              {
+                  const Section section;
+                  mState = 2;
+                  mCv.notify_all();
+                  mCv.wait(guard, [this] { return mState == 3; });
+              }
+              mState = 4;
+              mCv.notify_all();
+          }) {}
+    ~Reader() { mThread.join(); }
+    void enter() { step(1, 2); }
+    void leave() { step(3, 4); }
+
+private:
+    void step(int to, int until) {
+        std::unique_lock<std::mutex> guard(mLock);
+        mState = to;
+        mCv.notify_all();
+        mCv.wait(guard, [&] { return mState == until; });
+    }
+    std::mutex mLock;
+    std::condition_variable mCv;
+    int mState = 0;
+    std::thread mThread;
+};
+
+class ReadersTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (int i = 0; i < 8; ++i) collect();  // what earlier tests left
+        std::lock_guard<std::mutex> guard(gReleased.lock);
+        gReleased.order.clear();
+    }
+    static void collectAll() {
+        for (int i = 0; i < 8; ++i) collect();
+    }
+};
+
+TEST_F(ReadersTest, WhatIsRetiredDuringASectionOutlivesItAndNoMore) {
+    Reader reader;
+    reader.enter();
+    retireItem(1);
+    collectAll();  // the epoch may move once, not twice, while the reader is in
+    EXPECT_EQ(gReleased.count(), 0u);
+    reader.leave();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), 1u);
+    // A reader that entered after the retirement, before the epoch moved on, holds it back
+    // too: the epochs cannot tell it from one that entered before.
+    retireItem(2);
+    Reader late;
+    late.enter();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), 1u);
+    late.leave();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), 2u);
+}
+
+TEST_F(ReadersTest, ItemsGoInTheOrderTheyWereRetiredAcrossFullBatches) {
+    Reader reader;
+    reader.enter();
+    const int n = 20 * static_cast<int>(NSCam::readers::kBatch);  // more than the ring holds
+    for (int i = 0; i < n; ++i) retireItem(i);
+    EXPECT_EQ(gReleased.count(), 0u);
+    reader.leave();
+    collectAll();
+    ASSERT_EQ(gReleased.count(), static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) ASSERT_EQ(gReleased.order[static_cast<size_t>(i)], i);
+}
+
+// Each release retires the next link: a chain of 10,000 goes by collecting, one level after
+// another, without a call per level (on a 256 KiB stack).
+struct Link {
+    int left;
+};
+void releaseLink(void* p) {
+    auto* link = static_cast<Link*>(p);
+    if (link->left > 0) retire(new Link{link->left - 1}, releaseLink);
+    gReleased.note(link->left);
+    delete link;
+}
+
+TEST_F(ReadersTest, ReleasesThatRetireMoreGoWithoutAFrameEach) {
+    std::function<void()> body = [] {
+        retire(new Link{9999}, releaseLink);
+        for (int i = 0; i < 100 && gReleased.count() < 10000; ++i) collect();
+    };
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 256 << 10);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, &attr,
+                  [](void* f) -> void* {
+                      (*static_cast<std::function<void()>*>(f))();
+                      return nullptr;
+                  },
+                  &body),
+              0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+    EXPECT_EQ(gReleased.count(), 10000u);
+}
+
+TEST_F(ReadersTest, WhatAnExitingThreadLeavesIsReleasedByTheOthers) {
+    Reader reader;
+    reader.enter();
+    std::thread([] {
+        for (int i = 0; i < 10; ++i) retireItem(i);
+    }).join();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), 0u);
+    reader.leave();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), 10u);
+}
+
+}  // namespace
