@@ -2,12 +2,14 @@
 # Mutation run: how many small faults planted in the library does the test suite catch?
 #
 # Each line of scripts/mutants.txt names a file, one line of it (or a fragment found exactly
-# once in it) and a replacement. The script copies the tree to a scratch directory outside
-# the repository, builds the default preset there once (benchmarks and examples left out,
-# warnings not fatal, ccache when installed) and checks that the unmutated suite passes. Then
-# for each mutant: apply it, rebuild incrementally, run ctest (stopping at the first failure,
-# each test under a time limit, so a mutant that hangs is killed by timeout), put the file
-# back. One line per mutant:
+# once in it), a replacement, and optionally the build the suite runs in for it: "asan" or
+# "tsan" for a fault only a sanitizer sees (a block released too early, a race), the default
+# preset otherwise. The script copies the tree to a scratch directory outside the repository,
+# builds there once each preset the selected mutants need (benchmarks and examples left out,
+# warnings not fatal, ccache when installed) and checks that the unmutated suite passes in
+# each. Then for each mutant: apply it, rebuild incrementally, run ctest (stopping at the first
+# failure, each test under a time limit, so a mutant that hangs is killed by timeout), put the
+# file back. One line per mutant:
 #   killed (by what) | survived | stale (text not found once: fix the list) | build-failed
 # and at the end "kill rate: K/N", N counting killed and survived only.
 #
@@ -52,13 +54,14 @@ apply() {
         print $out $text; close $out;' "$@"
 }
 
-# The mutants to run: "id<TAB>file<TAB>original<TAB>replacement", comments and blanks dropped.
+# The mutants to run: "id<TAB>file<TAB>original<TAB>replacement[<TAB>build]", comments and
+# blanks dropped.
 selected=$(grep -vE '^[[:space:]]*(#|$)' "$mutants" | awk -F'\t' -v re="$filter" '$1 ~ re')
 [ -n "$selected" ] || { echo "no mutant matches '$filter'"; exit 2; }
 
 if [ "$list_only" -eq 1 ]; then
     bad=0
-    while IFS=$'\t' read -r id file orig rep; do
+    while IFS=$'\t' read -r id file orig rep preset; do
         if ! apply "$repo/$file" "$orig" "" 1; then
             echo "$id stale: text not found once in $file"
             bad=1
@@ -72,10 +75,12 @@ case "$scratch" in
     "$repo" | "$repo"/*) echo "the scratch directory must be outside the repository"; exit 2 ;;
 esac
 src=$scratch/src
-build=$src/build/default
 log=$scratch/log
 mkdir -p "$src" "$log"
 start=$(date +%s)
+# The presets the selected mutants run in: the default one always (the baseline), and the
+# sanitizer builds named in the fifth field.
+presets=$( (echo default; awk -F'\t' 'NF >= 5 && $5 != "" { print $5 }' <<<"$selected") | sort -u)
 
 echo "=== copying the tree to $src"
 # Tracked and new files, with their times, so that a kept build stays incremental.
@@ -88,31 +93,34 @@ if [ -f "$scratch/dirty" ]; then
     rm -f "$scratch/dirty"
 fi
 
-echo "=== building the default preset (-j $jobs)"
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-# Programs are not relinked when only the shared library changed: they load the new one.
-(cd "$src" && cmake --preset default -DZORCAM_BUILD_BENCH=OFF -DZORCAM_BUILD_EXAMPLES=OFF \
-    -DZORCAM_WERROR=OFF -DCMAKE_LINK_DEPENDS_NO_SHARED=ON "${launcher[@]}") \
-    >"$log/configure.txt" 2>&1 ||
-    { tail -20 "$log/configure.txt"; exit 1; }
-cmake --build "$build" -j "$jobs" >"$log/build.txt" 2>&1 || { tail -40 "$log/build.txt"; exit 1; }
-
-run_suite() {  # ctest until the first failure; its output in $1
-    ctest --test-dir "$build" -j "$jobs" --timeout "$timeout" --stop-on-failure \
-        --output-on-failure >"$1" 2>&1
+run_suite() {  # ctest of build $1 until the first failure; its output in $2
+    ctest --test-dir "$src/build/$1" -j "$jobs" --timeout "$timeout" --stop-on-failure \
+        --output-on-failure >"$2" 2>&1
 }
-echo "=== the unmutated suite"
-if ! run_suite "$log/baseline.txt"; then
-    grep -E '\*\*\*|Failed|Timeout' "$log/baseline.txt" | head -20
-    echo "the unmutated suite fails: fix that first"
-    exit 1
-fi
-grep -E 'tests passed|Total Test time' "$log/baseline.txt"
+for preset in $presets; do
+    echo "=== building the $preset preset (-j $jobs)"
+    # Programs are not relinked when only the shared library changed: they load the new one.
+    (cd "$src" && cmake --preset "$preset" -DZORCAM_BUILD_BENCH=OFF -DZORCAM_BUILD_EXAMPLES=OFF \
+        -DZORCAM_WERROR=OFF -DCMAKE_LINK_DEPENDS_NO_SHARED=ON "${launcher[@]}") \
+        >"$log/configure-$preset.txt" 2>&1 ||
+        { tail -20 "$log/configure-$preset.txt"; exit 1; }
+    cmake --build "$src/build/$preset" -j "$jobs" >"$log/build-$preset.txt" 2>&1 ||
+        { tail -40 "$log/build-$preset.txt"; exit 1; }
+    echo "=== the unmutated suite ($preset)"
+    if ! run_suite "$preset" "$log/baseline-$preset.txt"; then
+        grep -E '\*\*\*|Failed|Timeout' "$log/baseline-$preset.txt" | head -20
+        echo "the unmutated suite fails: fix that first"
+        exit 1
+    fi
+    grep -E 'tests passed|Total Test time' "$log/baseline-$preset.txt"
+done
 
 killed=0 survived=0 stale=0 broken=0
 survivors=()
-while IFS=$'\t' read -r id file orig rep; do
+while IFS=$'\t' read -r id file orig rep preset; do
+    preset=${preset:-default}
     target=$src/$file
     if ! apply "$target" "$orig" "" 1; then
         echo "$id stale ($file: text not found once)"
@@ -123,10 +131,10 @@ while IFS=$'\t' read -r id file orig rep; do
     cp "$target" "$saved"
     echo "$file" >"$scratch/dirty"
     apply "$target" "$orig" "$rep"
-    if ! cmake --build "$build" -j "$jobs" >"$log/$id.build.txt" 2>&1; then
+    if ! cmake --build "$src/build/$preset" -j "$jobs" >"$log/$id.build.txt" 2>&1; then
         echo "$id build-failed ($file)"
         broken=$((broken + 1))
-    elif run_suite "$log/$id.test.txt"; then
+    elif run_suite "$preset" "$log/$id.test.txt"; then
         echo "$id survived ($file)"
         survived=$((survived + 1))
         survivors+=("$id")
@@ -134,15 +142,20 @@ while IFS=$'\t' read -r id file orig rep; do
         # The first failing test, and whether it ran out of time.
         first=$(grep -m1 -E '\*\*\*(Failed|Timeout|Exception)|\(Failed\)|\(Timeout\)|\(SEGFAULT\)|\(Subprocess aborted\)' \
             "$log/$id.test.txt" | sed -E 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: //; s/ +\.+.*\*\*\*/ /; s/ +[0-9.]+ sec$//')
-        echo "$id killed ${first:+by $first}"
+        where=""
+        [ "$preset" = default ] || where=" (in $preset)"
+        echo "$id killed ${first:+by $first}$where"
         killed=$((killed + 1))
     fi
     # Back to the original text, with a new time so that the next build recompiles it.
     cat "$saved" >"$target"
     rm -f "$saved"
 done <<<"$selected"
-# Leave the scratch build as the tree is, for the next run to build on.
-cmake --build "$build" -j "$jobs" >"$log/restore.txt" 2>&1 || tail -20 "$log/restore.txt"
+# Leave the scratch builds as the tree is, for the next run to build on.
+for preset in $presets; do
+    cmake --build "$src/build/$preset" -j "$jobs" >"$log/restore.txt" 2>&1 ||
+        tail -20 "$log/restore.txt"
+done
 rm -f "$scratch/dirty"
 
 total=$((killed + survived))

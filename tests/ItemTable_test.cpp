@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "AllocationProbe.h"
 #include "MetadataInspector.h"
@@ -98,41 +100,75 @@ TEST(ItemTableTest, AFailedAllocationLeavesTheTableAsItWas) {
 
 // Copies of copies share a directory, then borrow the chunks of the one they were copied from
 // (a few levels deep), then own references to them: whichever goes first, every copy keeps its
-// own rows, and what it borrows or shares is not released under it (a sanitizer build sees a
-// chunk released too early, a leak checker one never released).
+// own rows, and what it borrows or shares is neither written under another copy nor released
+// under it (a sanitizer build sees a chunk released too early, a leak checker one never
+// released).
 TEST(ItemTableTest, CopiesOfCopiesKeepTheirRowsWhicheverGoesFirst) {
-    using Value = std::pair<uint32_t, int32_t>;  // tag, type of its values
-    auto rowsOfTypes = [](const Table& t) {
-        std::vector<Value> out;
-        for (size_t r = 0; r < t.size(); ++r) out.emplace_back(t.tagAt(r), t.contentAt(r)->mType);
+    using Row = std::tuple<uint32_t, int32_t, int>;  // tag, type, first value
+    auto value = [](int v, bool wide) {
+        ContentSP c = Content::make();
+        const int64_t w = v;
+        wide ? c->update(-1, &w, 1, NSCam::TYPE_INT64) : c->update(-1, &v, 1, NSCam::TYPE_INT32);
+        c->markReadOnly();  // as a container files it: its values go into the row
+        return c;
+    };
+    // The rows as the table answers for them, and as it writes them out.
+    auto rowsOf = [](const Table& t) {
+        std::vector<Row> out;
+        EXPECT_EQ(In::indexed(t), t.size());  // nobody else's rows in its index
+        for (size_t r = 0; r < t.size(); ++r) {
+            EXPECT_EQ(t.getIndexByTag(t.tagAt(r)), r);
+            const Content* c = t.contentAt(r);
+            int first;
+            std::memcpy(&first, c->elements(), sizeof(first));
+            out.emplace_back(t.tagAt(r), c->mType, first);
+        }
+        NSCam::IMetadata::Storage s;
+        s.mItemTable = t;
+        std::vector<uint8_t> bytes(static_cast<size_t>(s.flattenSize(nullptr, -1)));
+        EXPECT_EQ(s.flatten(bytes.data(), bytes.size(), nullptr, -1), long(bytes.size()));
+        out.emplace_back(static_cast<uint32_t>(bytes.size()), 0, 0);
         return out;
     };
     for (int order = 0; order < 2; ++order) {
         std::vector<std::unique_ptr<Table>> tables;
-        std::vector<std::vector<Value>> want;
+        std::vector<std::vector<Row>> want;  // each table's rows when it was made
         tables.push_back(std::make_unique<Table>());
-        std::vector<ContentSP> held;
-        fill(*tables[0], 40, held);
+        for (int i = 0; i < 40; ++i) tables[0]->update(0x91000000u + i, value(i, false));
+        want.push_back(rowsOf(*tables[0]));
         for (int level = 1; level <= 5; ++level) {
+            const auto l = static_cast<uint32_t>(level);
             tables.push_back(std::make_unique<Table>());
-            *tables[level] = *tables[level - 1];
-            // A value of another type in one chunk, a new row in another, a removal in a third.
-            ContentSP c = Content::make();
-            c->update(-1, &level, 1, NSCam::TYPE_INT32);
-            c->markReadOnly();
-            tables[level]->update(0x91000000u + static_cast<uint32_t>(level), c);
-            tables[level]->update(0x7F000000u + static_cast<uint32_t>(level), fresh());
-            tables[level]->remove(0x91000000u + 20 + static_cast<uint32_t>(level));
+            Table& t = *tables.back();
+            t = *tables[l - 1];
+            // A new row first (the last chunk may have room left by the table copied), then
+            // the same shape (in place), another shape, a removal and a new row, in three
+            // chunks.
+            t.update(0x7F000000u + l, value(level, false));
+            t.update(0x91000000u + l, value(1000 * level, false));
+            t.update(0x91000010u + l, value(level, true));
+            t.remove(0x91000020u + l);
+            t.update(0x91010000u + l, value(level, false));
+            want.push_back(rowsOf(t));
         }
-        for (const auto& t : tables) want.push_back(rowsOfTypes(*t));
+        // A row more for each, the latest first: chunks and indexes that others still hold
+        // must be copied first, however they are held.
+        for (size_t i = tables.size(); i-- > 0;) {
+            tables[i]->update(0x91020000u, value(static_cast<int>(i), false));
+            want[i].insert(want[i].end() - 1, Row(0x91020000u, NSCam::TYPE_INT32, int(i)));
+            std::get<0>(want[i].back()) += 24;  // its record
+        }
         for (size_t i = 0; i < tables.size(); ++i) {
             const size_t gone = order == 0 ? i : tables.size() - 1 - i;
             tables[gone].reset();
             for (size_t j = 0; j < tables.size(); ++j) {
                 if (!tables[j]) continue;
-                EXPECT_EQ(rowsOfTypes(*tables[j]), want[j]) << order << " " << j;
+                EXPECT_EQ(rowsOf(*tables[j]), want[j]) << order << " " << j;
             }
         }
+        // Each level saw its own writes and none of the later ones'.
+        EXPECT_EQ(std::get<2>(want[2][1]), 1000);
+        EXPECT_EQ(std::get<2>(want[1][2]), 2);
     }
 }
 
