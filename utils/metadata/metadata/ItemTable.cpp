@@ -632,12 +632,16 @@ struct ItemTable::Impl {
             const uintptr_t e = d->entries()[k].load(std::memory_order_relaxed);
             own = !isBorrowed(e) && c->refs.load(std::memory_order_acquire) == 1;
             const bool fits = c->capacity - c->used >= need;
+            // The row that fills a chunk leaves it without room it will not use.
+            const size_t full = c->used + need;
+            const bool last = r == kRows - 1 && c->capacity - full > full / 8;
             // A chunk that is not the table's own is copied, with room for the row; one that
             // is full grows by half again, or to the bytes this row needs.
-            if (!own || !fits)
+            if (last)
+                made.chunk = copyOf(*c, full);
+            else if (!own || !fits)
                 made.chunk = copyOf(*c, fits ? c->capacity
-                                             : std::max<size_t>(c->used + need,
-                                                                c->capacity + c->capacity / 2));
+                                             : std::max<size_t>(full, c->capacity + c->capacity / 2));
         }
         Chunk* target = made.chunk != nullptr ? made.chunk : c;
         // Holders for an object row, unless the row's chunk has them (or will: a chunk of the

@@ -179,7 +179,7 @@ struct alignas(16) IMetadata::Storage::ItemTable::Index {
     uint16_t* pages() { return reinterpret_cast<uint16_t*>(this + 1); }
     const uint16_t* pages() const { return reinterpret_cast<const uint16_t*>(this + 1); }
     // The row of slot `slot`, kNoRow when none.
-    uint16_t rowAt(uint32_t slot) const {
+    __attribute__((always_inline)) uint16_t rowAt(uint32_t slot) const {
         const uint32_t p = __atomic_load_n(&page[slot / kPageSlots], __ATOMIC_ACQUIRE);
         if (p == 0 || p > capacity) return kNoRow;
         return __atomic_load_n(&pages()[(p - 1) * kPageSlots + slot % kPageSlots],
@@ -297,7 +297,8 @@ inline const Table::Side* sideOf(const Table::Directory* d) {
 
 }  // namespace itemtable
 
-inline uint16_t IMetadata::Storage::ItemTable::rowOf(uint32_t tag) const {
+__attribute__((always_inline)) inline uint16_t IMetadata::Storage::ItemTable::rowOf(
+    uint32_t tag) const {
     const Directory* d = mDirectory.load(std::memory_order_relaxed);
     if (d == nullptr) return kNoRow;
     if (const Index* ix = itemtable::indexOf(d)) {

@@ -436,16 +436,17 @@ T readValue(const Content* content, uint32_t index) {
 template <typename T>
 T readRow(const ItemTable& table, uint16_t row, uint32_t index) {
     const RowView view = table.rowAt(row);
-    if (view.object != nullptr) return readValue<T>(view.object, index);
-    if (record::lengthOf(view.record) == 0) return T();
     if constexpr (kTypeFacts[TypeCode<T>::value].basic) {
-        if (view.type() == TypeCode<T>::value && index < static_cast<uint32_t>(view.count())) {
+        if (view.object == nullptr && record::lengthOf(view.record) != 0 &&
+            view.type() == TypeCode<T>::value && index < static_cast<uint32_t>(view.count())) {
             T value;
             std::memcpy(static_cast<void*>(&value), view.payload() + index * sizeof(T),
                         sizeof(T));
             return value;
         }
     }
+    if (view.object != nullptr) return readValue<T>(view.object, index);
+    if (record::lengthOf(view.record) == 0) return T();
     return readValue<T>(table.contentAt(row), index);
 }
 
