@@ -245,8 +245,8 @@ public:
             // without values); kUnsure: take the lock (also for what the locked path must
             // report). Reads only what writers replace or write under the count.
             enum class Found { kValue, kAbsent, kUnsure };
-            Found readValue(uint32_t tag, int32_t type, size_t index, void* out,
-                            size_t size) const;
+            inline Found readValue(uint32_t tag, int32_t type, size_t index, void* out,
+                                   size_t size) const;
             // From now on readers without a lock may be following this table: what it drops
             // is retired (readers::retire), not released at once.
             void publish() { mPublished.store(true, std::memory_order_relaxed); }
@@ -362,7 +362,8 @@ public:
     // Only the low 32 bits of `count` are read: -1 means four billion tags, not "all".
     // A form that a receiver would refuse (containers nested deeper than 64 levels, more
     // than 8192 nested containers, more than 32767 records, a record of 4 GiB or more) is
-    // refused here too: -1 from both, with an error line naming the limit.
+    // refused by flatten: -1, with an error line naming the limit. flattenSize answers its
+    // size all the same; -1 only for a storage that contains itself, which has none.
     long flattenSize(const uint32_t* tags, long count) const;
     long flatten(void* buf, size_t size, const uint32_t* tags, long count) const;
     long unflatten(void* buf, size_t size);

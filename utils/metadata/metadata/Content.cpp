@@ -426,15 +426,19 @@ bool Content::remove(int index) {
 // The flat record
 
 size_t Content::flattenSize() const {
-    const flat::EncodeScope scope;
-    if (scope.outermost && nested::brokenLimit(nullptr, this, nullptr, 0) != nested::Limit::kNone)
-        return 0;
+    return nested::recordSize(*this);
+}
+
+size_t Content::flattenSize(size_t (*block)(const void*, const Storage&), const void* context) const {
     if (mCount == 0) return kHeaderSize;
     size_t total = kHeaderSize;
     if (mType == TYPE_IMetadata) {
         if (mHeld != Held::kStorages) META_FATAL("mMetaSP is nullptr but mCount >0");
-        for (const auto& storage : *storages())
-            total += 4 + (storage ? nested::flattenSize(*storage, nullptr, -1) : 0);
+        for (const auto& storage : *storages()) {
+            const size_t n = storage ? block(context, *storage) : 0;
+            if (n == nested::kNoSize) return nested::kNoSize;
+            total += 4 + n;
+        }
         return total;
     }
     if (mType == TYPE_Memory) {

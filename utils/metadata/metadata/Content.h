@@ -75,9 +75,11 @@ public:
     std::shared_ptr<std::vector<uint8_t>> getMemory(int index, int type) const;
     bool remove(int index);
 
-    // Bytes the record takes; 0 when the record holds containers a receiver would refuse
-    // (which flatten then reports).
+    // Bytes the record takes (nested::kNoSize when a container in it contains itself).
     size_t flattenSize() const;
+    // The same, with the block of each nested storage sized by `block(context, storage)`.
+    size_t flattenSize(size_t (*block)(const void* context, const Storage& storage),
+                       const void* context) const;
     long flatten(void* buf, size_t capacity) const;
     // The record at the writer's position, as part of a larger block.
     long flatten(flat::Writer& w) const;

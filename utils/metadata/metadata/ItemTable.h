@@ -38,6 +38,7 @@
 #include "Content.h"
 #include "FlatBytes.h"
 #include "SlotMap.h"
+#include "Sync.h"
 
 namespace NSCam {
 
@@ -364,6 +365,60 @@ void IMetadata::Storage::ItemTable::merge(const ItemTable& other, Refused&& refu
     const size_t rows = other.size();
     for (size_t r = 0; r < rows; ++r)
         if (!mergeRow(other, r)) refused(other.rowTag(r));
+}
+
+// Inline, for the container's read of one value: it is the whole of that read.
+inline IMetadata::Storage::ItemTable::Found IMetadata::Storage::ItemTable::readValue(
+    uint32_t tag, int32_t type, size_t index, void* out, size_t size) const {
+    const Directory* d = mDirectory.load(std::memory_order_acquire);
+    if (d == nullptr)
+        return mSize.load(std::memory_order_acquire) == 0 ? Found::kAbsent : Found::kUnsure;
+    uint32_t row = kNoRow;
+    if (const Index* ix = itemtable::indexOf(d)) {
+        const uint32_t slot = slotmap::slotOf(tag);
+        if (slot != slotmap::kNone) {
+            row = ix->rowAt(slot);
+        } else if (const Side* side = itemtable::sideOf(d)) {
+            row = side->rowOf(tag);
+        }
+        if (row == kNoRow) return Found::kAbsent;
+    } else {
+        const uint32_t rows = mSize.load(std::memory_order_acquire);
+        const Chunk* first = d->chunk(0, std::memory_order_acquire);
+        if (first == nullptr) return rows == 0 ? Found::kAbsent : Found::kUnsure;
+        if (rows > Chunk::kRows) return Found::kUnsure;
+        const uint16_t slot = itemtable::slotKey(tag);
+        for (uint32_t r = 0; r < rows && row == kNoRow; ++r) {
+            const uint32_t offset = first->offsetOf(r);
+            if (offset > first->capacity - record::kHead) return Found::kUnsure;
+            if (slot != kNoRow ? first->slotOf(r) == slot
+                               : record::tagOf(first->records() + offset) == tag)
+                row = r;
+        }
+        if (row == kNoRow) return Found::kAbsent;
+    }
+    if (row / Chunk::kRows >= d->capacity) return Found::kUnsure;
+    const Chunk* c = d->chunk(row / Chunk::kRows, std::memory_order_acquire);
+    if (c == nullptr) return Found::kUnsure;
+    // Every offset and length is checked against the chunk it was read from: a reader that
+    // raced a writer reads nonsense at worst, never outside the chunk, and the sequence count
+    // makes it read again.
+    const uint32_t offset = c->offsetOf(row % Chunk::kRows);
+    if (offset > c->capacity || c->capacity - offset < record::kHead) return Found::kUnsure;
+    const uint8_t* rec = c->records() + offset;
+    const uint32_t length = record::lengthOf(rec);
+    if (length == 0) return Found::kAbsent;  // a row without values: no element
+    if (length == record::kObjectRow) return Found::kUnsure;
+    if (length < flat::kContentHeader || length > c->capacity - offset - record::kHead)
+        return Found::kUnsure;
+    const int32_t count = record::countOf(rec);
+    if (count < 0) return Found::kUnsure;
+    if (index >= static_cast<uint32_t>(count)) return Found::kAbsent;
+    // What the locked path would report (a type that does not match) is left to it.
+    if (record::typeOf(rec) != type) return Found::kUnsure;
+    if ((index + 1) * size > length - flat::kContentHeader) return Found::kUnsure;
+    readRacing(out, rec + record::kPayload + index * size, size);
+    return Found::kValue;
 }
 
 }  // namespace NSCam

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <new>
 #include <type_traits>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "BoundedText.h"
@@ -126,13 +128,6 @@ void forEachSelected(const ItemTable& table, const uint32_t* tags, long count, F
     }
 }
 
-// Bytes of a row's content record in the flat form: a row of values carries its own; a
-// content object is asked.
-size_t contentRecordSize(const RowView& row) {
-    if (row.object != nullptr) return row.object->flattenSize();
-    return record::lengthOf(row.record);
-}
-
 // A record's length field holds 32 bits: a longer record is refused, never cut to its low
 // bits. Reported under the name of the operation that refuses it.
 bool recordLengthFits(const char* operation, uint32_t tag, size_t need) {
@@ -144,21 +139,100 @@ bool recordLengthFits(const char* operation, uint32_t tag, size_t need) {
 
 }  // namespace
 
-size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count,
-                           const char* operation) {
-    if (tags == nullptr) {
-        // A table whose rows are all values knows the size of its block.
-        const size_t records = s.mItemTable.recordBytes();
-        if (records != ItemTable::kHeldByContents) return kStorageHeader + records;
+namespace {
+
+// Sizes of storage blocks. A block's size needs the sizes of the blocks nested in it first:
+// the storages reachable from the one asked for are settled deepest first with a stack of
+// their own (a chain of any length costs no call depth), each once however often it is
+// nested, and a storage met again while its own size is still open contains itself.
+class Sizer {
+public:
+    // The block of `s` with the rows of `tags` (every row with `tags` null).
+    size_t block(const Storage& s, const uint32_t* tags, long count) {
+        if (tags == nullptr) {
+            // A table whose rows are all values knows the size of its block.
+            const size_t records = s.mItemTable.recordBytes();
+            if (records != ItemTable::kHeldByContents) return kStorageHeader + records;
+        }
+        size_t total = kStorageHeader;
+        bool whole = true;
+        forEachSelected(s.mItemTable, tags, count, [&](uint32_t, const RowView& row) {
+            const size_t record = recordOf(row);
+            whole = whole && record != nested::kNoSize;
+            total += kRecordHead + record;
+        });
+        return whole ? total : nested::kNoSize;
     }
-    size_t total = kStorageHeader;
-    bool fits = true;
-    forEachSelected(s.mItemTable, tags, count, [&](uint32_t tag, const RowView& row) {
-        const size_t record = contentRecordSize(row);
-        if (operation != nullptr && fits) fits = recordLengthFits(operation, tag, record);
-        total += kRecordHead + record;
-    });
-    return fits ? total : kTooLong;
+    size_t record(const Content& c) {
+        if (!settleAll(c)) return nested::kNoSize;
+        return c.flattenSize(&Sizer::known, this);
+    }
+
+private:
+    size_t recordOf(const RowView& row) {
+        if (row.object == nullptr) return record::lengthOf(row.record);
+        return record(*row.object);
+    }
+    // Settles every storage nested in `c`; false when one contains itself.
+    bool settleAll(const Content& c) {
+        const auto* storages = c.storages();
+        if (storages == nullptr || c.mCount == 0) return true;
+        for (const auto& s : *storages)
+            if (s && !settle(s.get())) return false;
+        return true;
+    }
+    bool settle(const Storage* root) {
+        if (mSizes.count(root) != 0) return true;
+        std::vector<const Storage*> stack{root};
+        while (!stack.empty()) {
+            const Storage* s = stack.back();
+            if (mSizes.count(s) != 0) {
+                stack.pop_back();
+                continue;
+            }
+            if (mOpen.insert(s).second) {
+                // First visit: its nested storages go first.
+                const size_t before = stack.size();
+                bool cycle = false;
+                s->mItemTable.forEachObject([&](const Content* c) {
+                    const auto* nested = c->storages();
+                    if (nested == nullptr || c->mCount == 0) return false;
+                    for (const auto& child : *nested) {
+                        if (!child || mSizes.count(child.get()) != 0) continue;
+                        if (mOpen.count(child.get()) != 0) return cycle = true;
+                        stack.push_back(child.get());
+                    }
+                    return false;
+                });
+                if (cycle) return false;
+                if (stack.size() != before) continue;
+            }
+            mSizes[s] = block(*s, nullptr, -1);  // every nested block is known now
+            mOpen.erase(s);
+            stack.pop_back();
+        }
+        return true;
+    }
+    static size_t known(const void* self, const Storage& s) {
+        const auto& sizes = static_cast<const Sizer*>(self)->mSizes;
+        const auto it = sizes.find(&s);
+        return it != sizes.end() ? it->second : nested::kNoSize;
+    }
+
+    std::unordered_map<const Storage*, size_t> mSizes;
+    std::unordered_set<const Storage*> mOpen;
+};
+
+}  // namespace
+
+size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count) {
+    Sizer sizer;
+    return sizer.block(s, tags, count);
+}
+
+size_t nested::recordSize(const Content& c) {
+    Sizer sizer;
+    return sizer.record(c);
 }
 
 nested::Limit nested::brokenLimit(const Storage* root, const Content* lone, const uint32_t* tags,
@@ -237,12 +311,13 @@ bool sendable(const char* operation, const Storage* root, const Content* lone, c
 }  // namespace
 
 long Storage::flattenSize(const uint32_t* tags, long count) const {
-    const flat::EncodeScope scope;
-    if (!scope.outermost) return static_cast<long>(nested::flattenSize(*this, tags, count));
-    if (!sendable("flattenSize", this, nullptr, tags, count)) return -1;
-    // Only the outermost records need a look: a nested record is part of one.
-    const size_t total = nested::flattenSize(*this, tags, count, "flattenSize");
-    return total == nested::kTooLong ? -1 : static_cast<long>(total);
+    // The size of the form as it would be written: also of a form that flatten refuses for
+    // what a receiver would refuse, so that a caller sizing a buffer gets a size. Only a
+    // storage that contains itself has none.
+    const size_t total = nested::flattenSize(*this, tags, count);
+    if (total != nested::kNoSize) return static_cast<long>(total);
+    META_LOGE("storage %p contains itself: it has no flat form", static_cast<const void*>(this));
+    return -1;
 }
 
 long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) const {

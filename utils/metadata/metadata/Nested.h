@@ -16,11 +16,13 @@ namespace nested {
 // The storage block of `s` (the rows of `tags`, or every row when `tags` is null) at the
 // writer's position: its length, or -1 after the failure was reported.
 long flatten(const IMetadata::Storage& s, flat::Writer& w, const uint32_t* tags, long count);
-// The bytes that block takes. With `operation` named, a record longer than a 32-bit length
-// holds is reported under that name, and the answer is kTooLong.
-constexpr size_t kTooLong = SIZE_MAX;
-size_t flattenSize(const IMetadata::Storage& s, const uint32_t* tags, long count,
-                   const char* operation = nullptr);
+// The bytes that block takes, whatever a receiver would say of it (flatten refuses what it
+// would refuse; its size is still a size), or kNoSize when a storage contains itself. Nested
+// blocks are sized without a call per level.
+constexpr size_t kNoSize = SIZE_MAX;
+size_t flattenSize(const IMetadata::Storage& s, const uint32_t* tags, long count);
+// The same for the record of a content of its own.
+size_t recordSize(const IMetadata::Content& c);
 
 // The storage of a nested container decoded from its block, as the container decoder makes
 // it (a failure reported under its name); empty when the block does not decode.
