@@ -6,7 +6,11 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <functional>
+#include <thread>
 
 #include <zorcam/metadata/MetadataCheck.h>
 
@@ -144,6 +148,46 @@ TEST(RowContentTest, HandedOutValuesAndCopiesKeepTheirValuesWhateverTheWriteDoes
             IMetadata::setEntry<int>(&m, tag, before);
         }
         EXPECT_EQ(m.count(), init.size() + 3);
+    }
+}
+
+// Two burst callbacks that store each other's containers, on two threads, many times over:
+// neither waits for the other for ever (a watchdog ends the process if they do), and each
+// stores the other container with the values it holds.
+TEST(BurstTest, CallbacksStoringEachOthersContainersNeverWaitForEachOther) {
+    IMetadata a, b;
+    IMetadata::setEntry<int>(&a, 0x00010000, 1);
+    IMetadata::setEntry<int>(&b, 0x00010000, 2);
+    std::atomic<bool> finished{false};
+    std::thread watchdog([&] {
+        for (int i = 0; i < 1200 && !finished; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (finished) return;
+        std::fprintf(stderr, "two crossing bursts still wait for each other after 120 s\n");
+        std::_Exit(1);
+    });
+    std::atomic<int> ready{0};
+    auto cross = [&ready](IMetadata& self, const IMetadata& other, int value) {
+        for (ready.fetch_add(1); ready.load() < 2;) {  // both start together
+        }
+        for (int k = 0; k < 200000; ++k) {
+            self.burstWrite([&](Storage& s) {
+                s.writeEntry<int>(0x00010000, value);
+                s.writeEntry<IMetadata>(0x00020000, other);
+            });
+        }
+    };
+    std::thread one(cross, std::ref(a), std::cref(b), 1), two(cross, std::ref(b), std::cref(a), 2);
+    one.join();
+    two.join();
+    finished = true;
+    watchdog.join();
+    for (const auto& [m, other] : {std::make_pair(&a, 2), std::make_pair(&b, 1)}) {
+        IMetadata stored;
+        int v = 0;
+        ASSERT_TRUE(IMetadata::getEntry(m, 0x00020000, stored));
+        EXPECT_TRUE(IMetadata::getEntry(&stored, 0x00010000, v));
+        EXPECT_EQ(v, other);
     }
 }
 

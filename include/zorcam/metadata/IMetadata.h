@@ -318,6 +318,10 @@ public:
         // lock can be in them: only such a storage is read without the container's lock. One
         // a caller made (and may destroy at once) is read under the lock.
         bool mReleasedLate;
+        // While a burst callback on this storage waits to store another container: a copy of
+        // the storage as it is, for a burst of that container waiting in turn (see
+        // IMetadata::storageToStore). Read and written with std::atomic_load/atomic_store.
+        std::shared_ptr<Storage> mOffer;
         uint32_t mTailMarker;
     };
 
@@ -348,9 +352,11 @@ public:
     IEntry entryFor(uint32_t tag, int take = 0) const;
     IEntry takeEntryFor(uint32_t tag);
     IEntry entryAt(uint32_t index) const;
-    // The callbacks run under this container's lock: they must not call back into it, and
-    // two callbacks that each store one container into the other, on two threads, can
-    // deadlock (each holds its own container's lock and waits for the other's).
+    // The callbacks run under this container's lock: they must not call back into it. Two
+    // callbacks that each store one container into the other, on two threads, do not wait for
+    // each other: each stores the other container as it is at that moment (which may be in the
+    // middle of the other's callback). Only containers over a storage the caller made
+    // (IMetadata(storage) with std::make_shared) still wait for the other's lock.
     int burstRead(const std::function<int(const BurstEntry&)>& fn) const;
     void burstWrite(const std::function<void(BurstEntry&)>& fn);
 
@@ -388,6 +394,13 @@ private:
     friend struct ::NSCam::MetadataInspector;
     // Under mLock: a storage that may be shared is replaced by a private clone first.
     void makeWritableLocked() const;
+    // The storage to store as a value into another container (getStorageSP's, marked shared),
+    // without waiting for this container's lock from inside another's burst callback.
+    std::shared_ptr<Storage> storageToStore() const;
+    // Under mLock, in a burst callback waiting to store another container: a copy of the
+    // storage offered to that container's burst, and taken back.
+    void offerLocked() const;
+    void withdrawOfferLocked() const;
     // Under mLock, as a write: `storage` becomes this container's; the old one is released
     // once no reader without the lock can still be in it.
     void installLocked(std::shared_ptr<Storage> storage) const;

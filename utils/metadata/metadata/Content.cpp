@@ -300,7 +300,7 @@ bool Content::updateStorages(bool append, size_t start, const void* data, size_t
     }
     const IMetadata* src = static_cast<const IMetadata*>(data);
     for (size_t i = 0; i < size; ++i) {
-        std::shared_ptr<Storage> replaced = src[i].getStorageSP();
+        std::shared_ptr<Storage> replaced = src[i].storageToStore();
         (*storages())[start + i].swap(replaced);
         nested::release(std::move(replaced));
     }

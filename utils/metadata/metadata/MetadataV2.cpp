@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
@@ -880,10 +881,23 @@ IEntry IMetadata::entryAt(uint32_t index) const {
     return IEntry(tag, std::move(content));
 }
 
+namespace {
+
+// The container whose burst callback runs on this thread (its lock held), if any.
+thread_local const IMetadata* tBurst = nullptr;
+struct InBurst {
+    const IMetadata* const outer;
+    explicit InBurst(const IMetadata* m) : outer(std::exchange(tBurst, m)) {}
+    ~InBurst() { tBurst = outer; }
+};
+
+}  // namespace
+
 int IMetadata::burstRead(const std::function<int(const BurstEntry&)>& fn) const {
     std::lock_guard<std::mutex> guard(mLock);
     if (!mStorage) return -1;
     mStorage->mShared.store(1, std::memory_order_relaxed);
+    const InBurst burst(this);
     return fn(*mStorage);
 }
 
@@ -891,7 +905,59 @@ void IMetadata::burstWrite(const std::function<void(BurstEntry&)>& fn) {
     std::lock_guard<std::mutex> guard(mLock);
     const Writing writing(mSequence);
     makeWritableLocked();
+    const InBurst burst(this);
     fn(*mStorage);
+}
+
+std::shared_ptr<Storage> IMetadata::storageToStore() const {
+    const IMetadata* burst = tBurst;
+    if (burst == nullptr || burst == this) return getStorageSP();
+    // This thread runs a burst callback of another container and holds its lock: waiting for
+    // this container's lock while its holder, in a burst of its own, waits for ours would
+    // never end. So the lock is only tried; while it is busy, a holder that waits in turn
+    // offers a copy of its storage as it is (see offerLocked), and this thread offers one of
+    // its own container's. Two bursts that store each other's containers each take the other's
+    // offer and go on.
+    std::shared_ptr<Storage> taken;
+    bool offered = false;
+    for (;;) {
+        if (mLock.try_lock()) {
+            std::lock_guard<std::mutex> guard(mLock, std::adopt_lock);
+            checkValid("getStorageSP");
+            if (mStorage) mStorage->mShared.store(1, std::memory_order_relaxed);
+            taken = mStorage;
+            break;
+        }
+        {
+            // The storage stays allocated while the section lasts.
+            const readers::Section section;
+            const Storage* s = mStorageRaw.load(std::memory_order_acquire);
+            if (s != nullptr) taken = std::atomic_load(&s->mOffer);
+            if (taken) break;
+        }
+        if (!offered) {
+            burst->offerLocked();
+            offered = true;
+        }
+        std::this_thread::yield();
+    }
+    if (offered) burst->withdrawOfferLocked();
+    return taken;
+}
+
+void IMetadata::offerLocked() const {
+    if (!mStorage) return;
+    // A copy that shares the table: what the burst writes after the wait goes to chunks of its
+    // own, not into the copy.
+    std::shared_ptr<Storage> copy = newStorage();
+    copy->mItemTable = mStorage->mItemTable;
+    copy->mItemTable.publish();
+    copy->mShared.store(1, std::memory_order_relaxed);
+    std::atomic_store(&mStorage->mOffer, std::move(copy));
+}
+
+void IMetadata::withdrawOfferLocked() const {
+    if (mStorage) std::atomic_store(&mStorage->mOffer, std::shared_ptr<Storage>());
 }
 
 long IMetadata::flattenSize(const uint32_t* tags, long count) const {
