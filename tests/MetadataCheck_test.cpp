@@ -66,6 +66,19 @@ protected:
         const FlatCheck c = checkFlatMetadata(b.data(), b.size());
         EXPECT_EQ(zorcam_test::largestAllocation(), 0u);  // the check allocates nothing
         const std::string said = c.reason + ("@" + std::to_string(c.ok ? c.consumed : c.offset));
+        // The receive in one call gives the check's answer, never aborts, and rebuilds only
+        // what the check accepts (a refusal leaves the container as it was).
+        auto bytesOf = [](const IMetadata& m) {
+            Bytes out(static_cast<size_t>(m.flattenSize()));
+            m.flatten(out.data(), out.size());
+            return out;
+        };
+        IMetadata received;
+        IMetadata::setEntry<int>(&received, 0x7FFF0000, 12345);
+        const Bytes before = bytesOf(received);
+        const FlatCheck r = receiveFlatMetadata(b.data(), b.size(), received);
+        EXPECT_EQ(r.reason + ("@" + std::to_string(r.ok ? r.consumed : r.offset)), said);
+        EXPECT_EQ(bytesOf(received), c.ok ? bytesOf(of(b)) : before) << said;
         if (++seen[c.reason]; said.rfind("type code out of range@", 0) == 0) return said;
         zorcam_test::resetPeakBytes();
         EXPECT_EQ(IMetadata::Storage().unflatten(b.data(), b.size()),

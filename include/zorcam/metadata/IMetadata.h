@@ -332,6 +332,11 @@ public:
 
     IMetadata();
     IMetadata(const IMetadata& other);
+    // A container over `storage` as it is. A storage nobody marked shared is written in place
+    // by this container: two containers made over one such storage (IMetadata p1(sp), p2(sp)
+    // with sp from std::make_shared<Storage>()) write and read it under two different locks,
+    // which is a data race (wrong values, crashes). Pass storages from getStorageSP(), which
+    // marks them shared: then each container copies before it writes.
     explicit IMetadata(const std::shared_ptr<Storage>& storage);
     // Rebuilds a container from its flat form; a bad buffer gives an empty container.
     IMetadata(const void* buf, size_t size);

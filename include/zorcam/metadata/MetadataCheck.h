@@ -10,6 +10,8 @@
 //   2. check the copy:        FlatCheck c = checkFlatMetadata(copy.data(), copy.size());
 //   3. rebuild from the copy only when c.ok:  IMetadata meta(copy.data(), copy.size());
 //
+// receiveFlatMetadata() below does the three in one call.
+//
 // Thread safety: reentrant. The check has no side effects: it allocates nothing, logs
 // nothing and never aborts, whatever the bytes.
 #include <zorcam/metadata/Export.h>
@@ -32,5 +34,14 @@ struct FlatCheck {
 };
 
 ZORCAM_EXPORT FlatCheck checkFlatMetadata(const void* buf, size_t size);
+
+class IMetadata;
+
+// The three steps above in one call, for bytes from another process: `size` bytes at `buf`
+// are copied into private memory, checked, and, when the check accepts them, rebuilt into
+// `out` (its former entries replaced). It never aborts, whatever the bytes: the answer is the
+// check's, and on a refusal (reason and byte offset) `out` is left as it was. Thread-safe as
+// far as `out` is: the copy is the calling thread's own.
+ZORCAM_EXPORT FlatCheck receiveFlatMetadata(const void* buf, size_t size, IMetadata& out);
 
 }  // namespace NSCam

@@ -1,6 +1,7 @@
 #define LOG_TAG "Metadata2"
 #define LOG_MODULE ::NSCam::diag::kMetadataModule
 
+#include <zorcam/metadata/MetadataCheck.h>
 #include <zorcam/platform/Properties.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "BoundedText.h"
 #include "Content.h"
@@ -724,6 +726,22 @@ IMetadata::IMetadata(const void* buf, size_t size)
         mStorageRaw.store(lockFreeView(mStorage), std::memory_order_release);
     }
     assignValidNumber();
+}
+
+FlatCheck receiveFlatMetadata(const void* buf, size_t size, IMetadata& out) {
+    if (buf == nullptr) return checkFlatMetadata(nullptr, size);
+    // What was checked must be what is rebuilt: a sender may still be writing a shared buffer.
+    // Forms of usual sizes are copied into a buffer the thread keeps; larger ones into their
+    // own, so that one large form does not stay held by the thread.
+    constexpr size_t kKept = 64 * 1024;
+    thread_local std::vector<uint8_t> kept;
+    std::vector<uint8_t> large;
+    std::vector<uint8_t>& copy = size <= kKept ? kept : large;
+    const auto* bytes = static_cast<const uint8_t*>(buf);
+    copy.assign(bytes, bytes + size);
+    const FlatCheck check = checkFlatMetadata(copy.data(), size);
+    if (check.ok) out.unflatten(copy.data(), size);
+    return check;
 }
 
 IMetadata::~IMetadata() {
