@@ -228,12 +228,18 @@ private:
 
 }  // namespace
 
+// While a block is written, the sizes of its nested blocks are worked out once, for every
+// record that asks (a record is sized before it is written, so that one too long for its
+// length field is refused before any of it is).
+thread_local Sizer* tWriting = nullptr;
+
 size_t nested::flattenSize(const Storage& s, const uint32_t* tags, long count) {
     Sizer sizer;
     return sizer.block(s, tags, count);
 }
 
 size_t nested::recordSize(const Content& c) {
+    if (tWriting != nullptr) return tWriting->record(c);
     Sizer sizer;
     return sizer.record(c);
 }
@@ -343,6 +349,12 @@ long Storage::flatten(void* buf, size_t size, const uint32_t* tags, long count) 
         }
     }
     if (scope.outermost && !sendable("flatten", this, nullptr, tags, count)) return -1;
+    Sizer sizer;
+    struct Sizing {
+        Sizer* const outer;
+        explicit Sizing(Sizer* s) : outer(std::exchange(tWriting, s)) {}
+        ~Sizing() { tWriting = outer; }
+    } sizing(scope.outermost ? &sizer : tWriting);
     return nested::flatten(*this, w, tags, count);
 }
 
