@@ -61,12 +61,12 @@ selected=$(grep -vE '^[[:space:]]*(#|$)' "$mutants" | awk -F'\t' -v re="$filter"
 
 if [ "$list_only" -eq 1 ]; then
     bad=0
-    while IFS=$'\t' read -r id file orig rep preset; do
+    while IFS=$'\037' read -r id file orig rep preset; do
         if ! apply "$repo/$file" "$orig" "" 1; then
             echo "$id stale: text not found once in $file"
             bad=1
         fi
-    done <<<"$selected"
+    done < <(tr '\t' '\037' <<<"$selected")
     [ "$bad" -eq 0 ] && echo "$(wc -l <<<"$selected") mutants, each found once"
     exit "$bad"
 fi
@@ -119,7 +119,9 @@ done
 
 killed=0 survived=0 stale=0 broken=0
 survivors=()
-while IFS=$'\t' read -r id file orig rep preset; do
+# Fields are split at the unit separator: read would run tabs together, and an empty
+# replacement followed by a build would lose its place.
+while IFS=$'\037' read -r id file orig rep preset; do
     preset=${preset:-default}
     target=$src/$file
     if ! apply "$target" "$orig" "" 1; then
@@ -150,7 +152,7 @@ while IFS=$'\t' read -r id file orig rep preset; do
     # Back to the original text, with a new time so that the next build recompiles it.
     cat "$saved" >"$target"
     rm -f "$saved"
-done <<<"$selected"
+done < <(tr '\t' '\037' <<<"$selected")
 # Leave the scratch builds as the tree is, for the next run to build on.
 for preset in $presets; do
     cmake --build "$src/build/$preset" -j "$jobs" >"$log/restore.txt" 2>&1 ||

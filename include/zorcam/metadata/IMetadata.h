@@ -399,6 +399,8 @@ private:
     friend struct ::NSCam::MetadataInspector;
     // Under mLock: a storage that may be shared is replaced by a private clone first.
     void makeWritableLocked() const;
+    // Under mLock: the storage, marked shared, for whoever asked for it.
+    std::shared_ptr<Storage> shareLocked() const;
     // The storage to store as a value into another container (getStorageSP's, marked shared),
     // without waiting for this container's lock from inside another's burst callback.
     std::shared_ptr<Storage> storageToStore() const;

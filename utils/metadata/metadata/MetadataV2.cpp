@@ -785,6 +785,10 @@ inline void IMetadata::makeWritableLocked() const {
 std::shared_ptr<Storage> IMetadata::getStorageSP() const {
     std::lock_guard<std::mutex> guard(mLock);
     checkValid(__func__);
+    return shareLocked();
+}
+
+std::shared_ptr<Storage> IMetadata::shareLocked() const {
     if (mStorage) mStorage->mShared.store(1, std::memory_order_relaxed);
     return mStorage;
 }
@@ -954,8 +958,7 @@ std::shared_ptr<Storage> IMetadata::storageToStore() const {
         if (mLock.try_lock()) {
             std::lock_guard<std::mutex> guard(mLock, std::adopt_lock);
             checkValid("getStorageSP");
-            if (mStorage) mStorage->mShared.store(1, std::memory_order_relaxed);
-            taken = mStorage;
+            taken = shareLocked();
             break;
         }
         {
