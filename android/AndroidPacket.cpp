@@ -2,20 +2,23 @@
 //
 // Both directions go through the container's flat form (FlatForm.h), the one bulk path of its
 // public interface: a packet is read by translating it into a flat form in a per-thread
-// scratch buffer and rebuilding the container from that in one call; a container is written
-// by flattening it into the scratch buffer (under one lock, with its size) and translating.
-// Storing 120 entries one by one would cost 120 locks of the container, and the translation
-// is a copy of each payload with a new head.
+// scratch range and rebuilding the container from that in one call; a container is written
+// by flattening it into the scratch range (under one lock) and translating. Storing 120
+// entries one by one would cost 120 locks of the container, and the translation is a copy of
+// each payload with a new head.
 #define LOG_TAG "Metadata2/AndroidPacket"
 #define LOG_MODULE ::NSCam::diag::kMetadataModule
 
 #include <zorcam/metadata/AndroidPacket.h>
 #include <zorcam/metadata/FlatForm.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 
 #include "Diagnostics.h"
 #include "PacketFields.h"
@@ -31,50 +34,95 @@ using packet::kHeaderSize;
 using packet::kInline;
 
 //------------------------------------------------------------------------------------------
-// The per-thread scratch buffer. It keeps its bytes between calls, so that a steady stream of
-// requests allocates nothing; one grown past kKeepBytes for a large packet is let go after
-// that call.
+// The per-thread scratch range: an address range reserved once per thread and used from its
+// start, whose pages the system provides as they are first touched. It is as large as any
+// packet and any translation of one, so a write can flatten the container straight into it:
+// sizing the flat form first (flattenSize) would cost three times the flatten itself, and a
+// flatten into a buffer too small reports an error line. Pages of a use past kKeepBytes are
+// handed back after it; smaller ones stay, so a stream of requests touches the same pages and
+// allocates nothing. Where the range cannot be reserved, a heap buffer of the size asked for
+// serves, and a write sizes the flat form first.
+constexpr size_t kRangeBytes = (size_t{4} << 30) + (size_t{1} << 20);
 constexpr size_t kKeepBytes = size_t{1} << 20;
 
 class Scratch {
 public:
-    uint8_t* get(size_t size) {
-        if (size > mCapacity) {
-            // Rounded up, so that packets growing a little do not allocate each time.
-            const size_t capacity = std::max(size, 2 * mCapacity);
-            mBytes.reset(new (std::nothrow) uint8_t[capacity]);
-            mCapacity = mBytes ? capacity : 0;
-        }
-        return mBytes.get();
+    ~Scratch() {
+        if (mRange) munmap(mRange, kRangeBytes);
     }
-    void trim() {
-        if (mCapacity > kKeepBytes) {
-            mBytes.reset();
-            mCapacity = 0;
+    // The whole range, or null when there is none.
+    uint8_t* range() {
+        if (!mTried) {
+            mTried = true;
+            void* p = mmap(nullptr, kRangeBytes, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+            mRange = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
         }
+        return mRange;
+    }
+    static constexpr size_t rangeSize() { return kRangeBytes; }
+    // At least `size` bytes: the range when it holds them, else a heap buffer (null when
+    // there is no memory for it).
+    uint8_t* get(size_t size) {
+        if (range() && size <= kRangeBytes) return mRange;
+        if (size > mHeapCapacity) {
+            mHeap.reset(new (std::nothrow) uint8_t[size]);
+            mHeapCapacity = mHeap ? size : 0;
+        }
+        return mHeap.get();
+    }
+    // After a use of `used` bytes from the start.
+    void done(size_t used) {
+        if (used <= kKeepBytes) return;
+        if (mRange) madvise(mRange, std::min(used, kRangeBytes), MADV_DONTNEED);
+        mHeap.reset();
+        mHeapCapacity = 0;
     }
 
 private:
-    std::unique_ptr<uint8_t[]> mBytes;
-    size_t mCapacity = 0;
+    uint8_t* mRange = nullptr;
+    bool mTried = false;
+    std::unique_ptr<uint8_t[]> mHeap;
+    size_t mHeapCapacity = 0;
 };
 
-// A scratch buffer of its own for each use, since a write uses two at once (the flat form and
-// the order of its entries).
+// Two per thread: a write holds its flat form in one and the order of its entries in the other.
 Scratch& flatScratch() {
     thread_local Scratch s;
     return s;
 }
+Scratch& planScratch() {
+    thread_local Scratch s;
+    return s;
+}
 
-struct TrimOnExit {
+struct DoneOnExit {
     Scratch& s;
-    ~TrimOnExit() { s.trim(); }
+    size_t used = 0;
+    ~DoneOnExit() { s.done(used); }
 };
 
-void put32(uint8_t*& at, uint32_t v) {
-    std::memcpy(at, &v, 4);
-    at += 4;
+// Copies a payload; the sizes of one element of each basic type as fixed sizes, inline.
+inline void copyPayload(uint8_t* to, const uint8_t* from, size_t n) {
+    switch (n) {
+        case 1:
+            std::memcpy(to, from, 1);
+            break;
+        case 4:
+            std::memcpy(to, from, 4);
+            break;
+        case 8:
+            std::memcpy(to, from, 8);
+            break;
+        case 16:
+            std::memcpy(to, from, 16);
+            break;
+        default:
+            std::memcpy(to, from, n);
+            break;
+    }
 }
+
 uint32_t get32(const uint8_t* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
@@ -160,17 +208,27 @@ const char* androidLeftOutReasonText(AndroidLeftOutReason reason) {
     return "?";
 }
 
-AndroidPacketCheck checkAndroidPacket(const void* buf, size_t size) {
-    AndroidPacketCheck c{};
-    const auto* p = static_cast<const uint8_t*>(buf);
-    Header h;
-    if (!p) return packet::refuse(0, "size", -1, "no bytes");
-    if (!packet::checkHeader(p, size, h, c)) return c;
-    EntryWalk walk(p, h);
-    Entry e;
-    for (uint32_t i = 0; i < h.entryCount; ++i)
-        if (!walk.next(i, e, c)) return c;
+//------------------------------------------------------------------------------------------
+// Reading.
+
+namespace {
+
+// Where an entry of the packet goes in the container, and in which shape. Without rules (the
+// usual map) this is the tag itself and, with the platform's shapes, the one its definition
+// gives: no call, no search.
+inline AndroidTagMap::Route toContainer(const AndroidTagMap& map, const Entry& e, uint32_t& tag,
+                                        AndroidShape& shape) {
+    if (map.ruleCount() == 0) {
+        tag = e.tag;
+        shape = map.platformShapes() && e.info ? e.info->platformShape : AndroidShape::kPlain;
+        return AndroidTagMap::Route::kGo;
+    }
+    return map.toContainer(e.tag, tag, shape);
+}
+
+void fillHeader(AndroidPacketCheck& c, const Header& h) {
     c.ok = true;
+    c.offset = 0;
     c.field = "";
     c.entry = -1;
     c.reason = "";
@@ -181,6 +239,21 @@ AndroidPacketCheck checkAndroidPacket(const void* buf, size_t size) {
     c.dataCount = h.dataCount;
     c.dataCapacity = h.dataCapacity;
     c.vendorId = h.vendorId;
+}
+
+}  // namespace
+
+AndroidPacketCheck checkAndroidPacket(const void* buf, size_t size) {
+    AndroidPacketCheck c{};
+    const auto* p = static_cast<const uint8_t*>(buf);
+    Header h;
+    if (!p) return packet::refuse(0, "size", -1, "no bytes");
+    if (!packet::checkHeader(p, size, h, c)) return c;
+    EntryWalk walk(p, h);
+    Entry e;
+    for (uint32_t i = 0; i < h.entryCount; ++i)
+        if (!walk.next(i, e, c)) return c;
+    fillHeader(c, h);
     return c;
 }
 
@@ -195,9 +268,6 @@ bool androidPacketEntry(const void* buf, size_t size, uint32_t index, AndroidPac
     entry = AndroidPacketEntry{e.tag, e.type, e.count, e.payload, e.bytes};
     return true;
 }
-
-//------------------------------------------------------------------------------------------
-// Reading.
 
 AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out,
                                     const AndroidTagMap* map, AndroidLeftOutList* leftOut) {
@@ -218,18 +288,25 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
         return refused();
     }
     if (!packet::checkHeader(p, size, h, r.check)) return refused();
+    if (h.entryCount > static_cast<uint32_t>(flat::kMaxRecords)) {
+        r.check = packet::refuse(offsetof(Header, entryCount), "entry_count", -1,
+                                 "more entries than a container holds (32767)");
+        return refused();
+    }
 
-    // The flat form is at most 8 bytes of block head, and per entry 20 bytes of heads and up
-    // to 4 inline bytes, plus the out-of-line payloads, which the walk keeps within
-    // data_count: the scratch buffer is sized from checked fields only.
+    // The flat form takes 8 bytes of block head, and per entry 20 bytes of heads and its
+    // payload: up to 4 bytes inline, and out-of-line payloads that the walk keeps within
+    // data_count together. So the scratch is sized from checked fields only. Inline payloads
+    // are copied as the whole 4-byte field (the next record overwrites what is not theirs).
     Scratch& scratch = flatScratch();
-    const TrimOnExit trim{scratch};
+    DoneOnExit done{scratch};
     const size_t bound = flat::kStorageHeader +
-                         (flat::kRecordHead + flat::kContentHeader + kInline) * h.entryCount +
+                         (flat::kRecordHead + flat::kContentHeader + kInline) *
+                             size_t{h.entryCount} +
                          h.dataCount;
     uint8_t* const flatBytes = scratch.get(bound);
     if (!flatBytes) {
-        r.check = packet::refuse(0, "size", -1, "no memory for reading the packet");
+        r.check = packet::refuse(0, "size", -1, "no memory to read the packet");
         return refused();
     }
     uint8_t* at = flatBytes + flat::kStorageHeader;
@@ -238,10 +315,13 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     Entry e;
     uint32_t records = 0;
     for (uint32_t i = 0; i < h.entryCount; ++i) {
-        if (!walk.next(i, e, r.check)) return refused();
+        if (!walk.next(i, e, r.check)) {
+            done.used = static_cast<size_t>(at - flatBytes);
+            return refused();
+        }
         uint32_t tag;
         AndroidShape shape;
-        const AndroidTagMap::Route route = tags.toContainer(e.tag, tag, shape);
+        const AndroidTagMap::Route route = toContainer(tags, e, tag, shape);
         if (route != AndroidTagMap::Route::kGo) {
             left.note(e.tag, e.type,
                       route == AndroidTagMap::Route::kExcluded
@@ -256,32 +336,34 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
         // int32 values the map shapes, when they make whole groups; otherwise they stay int32.
         int32_t type = e.type;
         uint32_t count = e.count;
-        if (e.type == ANDROID_TYPE_INT32 && shape != AndroidShape::kPlain) {
+        if (shape != AndroidShape::kPlain && e.type == ANDROID_TYPE_INT32) {
             const uint32_t group = groupOf(shape);
             if (count % group == 0) {
                 type = typeOfShape(shape);
                 count /= group;
             }
         }
-        put32(at, tag);
-        put32(at, static_cast<uint32_t>(flat::kContentHeader + e.bytes));
-        put32(at, flat::kContentPattern);
-        put32(at, static_cast<uint32_t>(type));
-        put32(at, count);
-        std::memcpy(at, e.payload, e.bytes);
+        // Word by word (see the writer's loop for why not through a staged head).
+        const uint32_t length = static_cast<uint32_t>(flat::kContentHeader + e.bytes);
+        const uint32_t pattern = flat::kContentPattern;
+        std::memcpy(at, &tag, 4);
+        std::memcpy(at + 4, &length, 4);
+        std::memcpy(at + 8, &pattern, 4);
+        std::memcpy(at + 12, &type, 4);
+        std::memcpy(at + 16, &count, 4);
+        at += flat::kRecordHead + flat::kContentHeader;
+        if (e.bytes <= kInline)
+            std::memcpy(at, e.payload, kInline);
+        else
+            copyPayload(at, e.payload, e.bytes);
         at += e.bytes;
         ++records;
     }
-    if (records > static_cast<uint32_t>(flat::kMaxRecords)) {
-        r.check = packet::refuse(offsetof(Header, entryCount), "entry_count", -1,
-                                 "more entries than a container holds (32767)");
-        return refused();
-    }
-    uint8_t* head = flatBytes;
-    put32(head, flat::kStorageMagic);
-    put32(head, records);
+    const uint32_t blockHead[2] = {flat::kStorageMagic, records};
+    std::memcpy(flatBytes, blockHead, sizeof(blockHead));
 
     const long length = at - flatBytes;
+    done.used = static_cast<size_t>(length);
     if (out.unflatten(flatBytes, static_cast<size_t>(length)) != length) {
         // Not reached: the form above is one the decoder accepts. Said, not hidden.
         r.check = packet::refuse(0, "size", -1, "the container did not take the entries");
@@ -289,18 +371,8 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     }
     r.ok = true;
     r.entries = records;
-    r.check.ok = true;
-    r.check.field = "";
-    r.check.entry = -1;
-    r.check.reason = "";
-    r.check.size = h.size;
-    r.check.flags = h.flags;
-    r.check.entryCount = h.entryCount;
-    r.check.entryCapacity = h.entryCapacity;
-    r.check.dataCount = h.dataCount;
-    r.check.dataCapacity = h.dataCapacity;
-    r.check.vendorId = h.vendorId;
     r.leftOut = left.count;
+    fillHeader(r.check, h);
     if (left.count)
         META_LOGW("%u entries of the android packet have no place in the container; the first: "
                   "tag 0x%08x (%s)",
@@ -323,12 +395,6 @@ struct Planned {
     uint64_t bytes;
 };
 
-// The plan's own scratch buffer: the flat form it points into is in the other one.
-Scratch& planScratch() {
-    thread_local Scratch s;
-    return s;
-}
-
 struct Plan {
     Planned* entries = nullptr;
     uint32_t count = 0;
@@ -337,18 +403,27 @@ struct Plan {
     const char* why = "";
 };
 
-// The container's flat form, flattened under one lock with its size, in the scratch buffer.
-bool flattenToScratch(const IMetadata& meta, const uint8_t*& bytes, size_t& size) {
+// The container's flat form, flattened under one lock, in the scratch range (sized first
+// only where there is no range).
+bool flattenToScratch(const IMetadata& meta, DoneOnExit& done, const uint8_t*& bytes,
+                      size_t& size) {
     struct Job {
         Scratch* scratch;
         const uint8_t* bytes;
         size_t size;
-    } job{&flatScratch(), nullptr, 0};
+    } job{&done.s, nullptr, 0};
     const int status = meta.burstRead([&job](const IMetadata::BurstEntry& storage) {
-        const long n = storage.flattenSize(nullptr, -1);
+        uint8_t* buf = job.scratch->range();
+        size_t room = Scratch::rangeSize();
+        if (!buf) {
+            const long n = storage.flattenSize(nullptr, -1);
+            if (n < 0) return 1;
+            room = static_cast<size_t>(n);
+            buf = job.scratch->get(room);
+            if (!buf) return 1;
+        }
+        const long n = storage.flatten(buf, room, nullptr, -1);
         if (n < 0) return 1;
-        uint8_t* buf = job.scratch->get(static_cast<size_t>(n));
-        if (!buf || storage.flatten(buf, static_cast<size_t>(n), nullptr, -1) != n) return 1;
         job.bytes = buf;
         job.size = static_cast<size_t>(n);
         return 0;
@@ -361,12 +436,29 @@ bool flattenToScratch(const IMetadata& meta, const uint8_t*& bytes, size_t& size
     }
     bytes = job.bytes;
     size = job.size;
+    done.used = size;
     return true;
+}
+
+// Where a row of the container goes in the packet: as toContainer, the other way.
+inline AndroidTagMap::Route toAndroid(const AndroidTagMap& map, uint32_t tag, uint32_t& androidTag,
+                                      AndroidShape& shape, const AndroidTagInfo*& info) {
+    AndroidTagMap::Route route;
+    if (map.ruleCount() == 0) {
+        androidTag = tag;
+        info = androidtags::find(tag);
+        shape = map.platformShapes() && info ? info->platformShape : AndroidShape::kPlain;
+        return AndroidTagMap::Route::kGo;
+    }
+    route = map.toAndroid(tag, androidTag, shape);
+    info = androidtags::find(androidTag);
+    return route;
 }
 
 // What goes into the packet, in order. The flat form comes from the library itself; its
 // fields are still bounded by its size as they are read.
-Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, LeftOut& left) {
+Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, LeftOut& left,
+          DoneOnExit& planDone) {
     Plan plan;
     const AndroidTagMap& tags = options.map ? *options.map : defaultMap();
     uint32_t records = 0;
@@ -374,7 +466,8 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         const int32_t n = static_cast<int32_t>(get32(form + 4));
         records = n > 0 ? static_cast<uint32_t>(n) : 0;
     }
-    auto* out = reinterpret_cast<Planned*>(planScratch().get(sizeof(Planned) * records));
+    planDone.used = sizeof(Planned) * records;
+    auto* out = reinterpret_cast<Planned*>(planDone.s.get(planDone.used));
     if (records && !out) {
         plan.why = "no memory for the packet's entries";
         return plan;
@@ -403,7 +496,8 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         const uint32_t count = get32(content + 8);
         uint32_t androidTag;
         AndroidShape shape;
-        const AndroidTagMap::Route route = tags.toAndroid(tag, androidTag, shape);
+        const AndroidTagInfo* info;
+        const AndroidTagMap::Route route = toAndroid(tags, tag, androidTag, shape, info);
         if (route != AndroidTagMap::Route::kGo) {
             left.note(tag, type,
                       route == AndroidTagMap::Route::kExcluded
@@ -426,8 +520,7 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
                                         : AndroidLeftOutReason::kNoAndroidType);
             continue;
         }
-        if (const AndroidTagInfo* info = androidtags::find(androidTag);
-            info && info->type != androidType) {
+        if (info && info->type != androidType) {
             left.note(tag, type, AndroidLeftOutReason::kWrongType);
             continue;
         }
@@ -459,30 +552,30 @@ long packetSize(const Plan& plan) {
 
 long androidPacketSize(const IMetadata& meta, const AndroidWriteOptions& options,
                        AndroidLeftOutList* leftOut) {
-    const TrimOnExit trim{flatScratch()}, trimPlan{planScratch()};
+    DoneOnExit flatDone{flatScratch()}, planDone{planScratch()};
+    LeftOut left(leftOut);
     const uint8_t* form;
     size_t size;
-    if (!flattenToScratch(meta, form, size)) return -1;
-    LeftOut left(leftOut);
-    const Plan p = plan(form, size, options, left);
+    if (!flattenToScratch(meta, flatDone, form, size)) return -1;
+    const Plan p = plan(form, size, options, left, planDone);
     return p.ok ? packetSize(p) : -1;
 }
 
 long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
                         const AndroidWriteOptions& options, AndroidLeftOutList* leftOut) {
-    const TrimOnExit trim{flatScratch()}, trimPlan{planScratch()};
-    const uint8_t* form;
-    size_t formSize;
+    DoneOnExit flatDone{flatScratch()}, planDone{planScratch()};
+    LeftOut left(leftOut);
     if (!buf) {
         META_LOGE("no buffer to write the android packet to");
         return -1;
     }
-    if (!flattenToScratch(meta, form, formSize)) {
+    const uint8_t* form;
+    size_t formSize;
+    if (!flattenToScratch(meta, flatDone, form, formSize)) {
         META_LOGE("the container could not be flattened for an android packet");
         return -1;
     }
-    LeftOut left(leftOut);
-    const Plan p = plan(form, formSize, options, left);
+    const Plan p = plan(form, formSize, options, left, planDone);
     if (!p.ok) {
         META_LOGE("cannot write an android packet: %s", p.why);
         return -1;
@@ -514,24 +607,30 @@ long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
     std::memcpy(out, &h, sizeof(h));
 
     uint8_t* entry = out + kHeaderSize;
+    uint8_t* data = out + dataStart;
     uint32_t offset = 0;
+    // Field by field, straight into the packet (a staged entry read back in another width
+    // would stall the processor on every entry).
     for (uint32_t i = 0; i < p.count; ++i, entry += kEntrySize) {
         const Planned& e = p.entries[i];
-        packet::RawEntry raw{};
-        raw.tag = e.tag;
-        raw.count = e.count;
-        raw.type = e.type;
+        const uint32_t typeWord = e.type;  // the type byte and three reserved zero bytes
+        std::memcpy(entry + offsetof(packet::RawEntry, tag), &e.tag, 4);
+        std::memcpy(entry + offsetof(packet::RawEntry, count), &e.count, 4);
+        std::memcpy(entry + offsetof(packet::RawEntry, type), &typeWord, 4);
+        uint8_t* field = entry + offsetof(packet::RawEntry, data);
         if (e.bytes <= kInline) {
-            std::memcpy(raw.data, e.payload, e.bytes);
+            std::memset(field, 0, kInline);
+            copyPayload(field, e.payload, static_cast<size_t>(e.bytes));
         } else {
-            std::memcpy(raw.data, &offset, sizeof(offset));
-            uint8_t* data = out + dataStart + offset;
-            std::memcpy(data, e.payload, e.bytes);
+            std::memcpy(field, &offset, sizeof(offset));
+            // The reserved tail of a payload that is not a multiple of 8 bytes is zero: its
+            // last word is cleared before the payload is copied over it.
             const uint64_t reserved = packet::alignUp(e.bytes);
-            std::memset(data + e.bytes, 0, reserved - e.bytes);
+            if (reserved != e.bytes) std::memset(data + reserved - 8, 0, 8);
+            copyPayload(data, e.payload, static_cast<size_t>(e.bytes));
+            data += reserved;
             offset += static_cast<uint32_t>(reserved);
         }
-        std::memcpy(entry, &raw, sizeof(raw));
     }
     if (left.count)
         META_LOGW("%u entries have no place in the android packet; the first: tag 0x%08x (%s)",

@@ -122,6 +122,7 @@ struct Entry {
     uint32_t count;
     const uint8_t* payload;  // in the packet: the entry's data field, or the data area
     size_t bytes;
+    const AndroidTagInfo* info;  // the tag's definition, or null
 };
 
 // The rules of one entry. Those that span entries (sorted order, payloads that together do
@@ -142,17 +143,17 @@ inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry&
     }
     // At most 2^32 x 8 bytes: 64-bit arithmetic cannot overflow.
     const uint64_t bytes = uint64_t{raw.count} * kTypeSize[raw.type];
-    uint32_t offset;
-    std::memcpy(&offset, raw.data, sizeof(offset));
+    uint32_t word;  // the data field: inline bytes, or the payload's offset
+    std::memcpy(&word, raw.data, sizeof(word));
     if (bytes <= kInline) {
-        // Unused inline bytes are 0, and so is the offset field of an entry without elements.
-        for (uint64_t b = bytes; b < kInline; ++b) {
-            if (raw.data[b] != 0) {
-                c = refuse(at + offsetof(RawEntry, data), "data", i,
-                           raw.count == 0 ? "an entry without elements carries a non-zero offset"
-                                          : "unused inline payload bytes not 0");
-                return false;
-            }
+        // Unused inline bytes are 0, and so is the whole field of an entry without elements
+        // (little-endian: byte b of the field is bits 8b .. 8b + 7 of the word).
+        const uint32_t unused = bytes == kInline ? 0 : ~uint32_t{0} << (8 * bytes);
+        if (word & unused) {
+            c = refuse(at + offsetof(RawEntry, data), "data", i,
+                       raw.count == 0 ? "an entry without elements carries a non-zero offset"
+                                      : "unused inline payload bytes not 0");
+            return false;
         }
         e.payload = p + at + offsetof(RawEntry, data);
     } else {
@@ -161,27 +162,29 @@ inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry&
                        "count x element size exceeds data_capacity");
             return false;
         }
-        if (offset % kAlign != 0) {
+        if (word % kAlign != 0) {
             c = refuse(at + offsetof(RawEntry, data), "data", i, "payload offset not 8-aligned");
             return false;
         }
-        if (uint64_t{offset} + bytes > h.dataCapacity) {
+        if (uint64_t{word} + bytes > h.dataCapacity) {
             c = refuse(at + offsetof(RawEntry, data), "data", i,
                        "payload runs past data_capacity");
             return false;
         }
-        if (uint64_t{offset} + bytes > h.dataCount) {
+        if (uint64_t{word} + bytes > h.dataCount) {
             c = refuse(at + offsetof(RawEntry, data), "data", i, "payload runs past data_count");
             return false;
         }
-        e.payload = p + h.dataStart + offset;
+        e.payload = p + h.dataStart + word;
     }
     // The platform's definitions fix the type of the tags they know (none in vendor sections).
-    if (const AndroidTagInfo* info = androidtags::find(raw.tag); info && info->type != raw.type) {
+    const AndroidTagInfo* info = androidtags::find(raw.tag);
+    if (info && info->type != raw.type) {
         c = refuse(at + offsetof(RawEntry, type), "type", i,
                    "not the type the tag's definition gives");
         return false;
     }
+    e.info = info;
     e.tag = raw.tag;
     e.type = raw.type;
     e.count = raw.count;

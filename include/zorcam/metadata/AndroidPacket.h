@@ -132,6 +132,7 @@ public:
     // gives on the same side.
     bool add(const AndroidTagRule& rule);
     size_t ruleCount() const { return mByAndroid.size(); }
+    bool platformShapes() const { return mPlatformShapes; }
 
     // Where a tag goes. kTaken: the number belongs to another tag under this map.
     enum class Route : uint8_t { kGo, kExcluded, kTaken };
