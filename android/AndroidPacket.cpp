@@ -278,8 +278,8 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     Header h;
     const auto refused = [&]() {
         left = LeftOut(leftOut);  // nothing was read, so nothing was left out
-        META_LOGE("refused an android packet at byte %zu (%s): %s", r.check.offset,
-                  r.check.field, r.check.reason);
+        META_LOGE_AS("readAndroidPacket", "refused an android packet at byte %zu (%s): %s",
+                     r.check.offset, r.check.field, r.check.reason);
         out.clear();
         return r;
     };

@@ -84,8 +84,8 @@ const AndroidTagMap::Rule* AndroidTagMap::find(const std::vector<Rule>& rules, u
 
 bool AndroidTagMap::add(const AndroidTagRule& rule) {
     const auto refuse = [&rule](const char* why) {
-        META_LOGE("tag map rule 0x%08x <-> 0x%08x (%s) refused: %s", rule.androidTag,
-                  rule.containerTag, shapeName(rule.shape), why);
+        META_LOGE_AS("add", "tag map rule 0x%08x <-> 0x%08x (%s) refused: %s", rule.androidTag,
+                     rule.containerTag, shapeName(rule.shape), why);
         return false;
     };
     if (rule.shape > AndroidShape::kExcluded) return refuse("unknown shape");
