@@ -220,7 +220,9 @@ inline AndroidTagMap::Route toContainer(const AndroidTagMap& map, const Entry& e
                                         AndroidShape& shape) {
     if (map.ruleCount() == 0) {
         tag = e.tag;
-        shape = map.platformShapes() && e.info ? e.info->platformShape : AndroidShape::kPlain;
+        shape = map.platformShapes() && e.known != androidtags::kUnknown
+                    ? androidtags::shapeOf(e.known)
+                    : AndroidShape::kPlain;
         return AndroidTagMap::Route::kGo;
     }
     return map.toContainer(e.tag, tag, shape);
@@ -269,6 +271,74 @@ bool androidPacketEntry(const void* buf, size_t size, uint32_t index, AndroidPac
     return true;
 }
 
+namespace {
+
+// Writes one flat record: its heads word by word (see putEntry for why), then the payload; an
+// inline one as its whole 4-byte field (the next record overwrites what is not its own).
+inline uint8_t* putRecord(uint8_t* at, uint32_t tag, int32_t type, uint32_t count,
+                          const Entry& e) {
+    const uint32_t length = static_cast<uint32_t>(flat::kContentHeader + e.bytes);
+    const uint32_t pattern = flat::kContentPattern;
+    std::memcpy(at, &tag, 4);
+    std::memcpy(at + 4, &length, 4);
+    std::memcpy(at + 8, &pattern, 4);
+    std::memcpy(at + 12, &type, 4);
+    std::memcpy(at + 16, &count, 4);
+    at += flat::kRecordHead + flat::kContentHeader;
+    if (e.bytes <= kInline)
+        std::memcpy(at, e.payload, kInline);
+    else
+        copyPayload(at, e.payload, e.bytes);
+    return at + e.bytes;
+}
+
+// int32 values in the shape `shape` gives them, when they make whole groups; otherwise as
+// they are.
+inline void shapeValues(AndroidShape shape, const Entry& e, int32_t& type, uint32_t& count) {
+    type = e.type;
+    count = e.count;
+    if (shape != AndroidShape::kPlain && e.type == ANDROID_TYPE_INT32) {
+        const uint32_t group = groupOf(shape);
+        if (count % group == 0) {
+            type = typeOfShape(shape);
+            count /= group;
+        }
+    }
+}
+
+enum class Fast { kDone, kRefused, kSlowPath };
+
+// The read of a map without rules in one tight loop, with its state in registers: this runs on
+// every request. The same walk as the check; an entry the container cannot count (more than
+// 2^31 - 1 elements) sends the read to the general loop, which reports it.
+template <bool kPlatformShapes>
+Fast translate(const uint8_t* p, const Header& h, uint8_t*& at, uint32_t& records,
+               AndroidPacketCheck& c) {
+    EntryWalk walk(p, h);
+    Entry e;
+    uint8_t* w = at;
+    for (uint32_t i = 0; i < h.entryCount; ++i) {
+        if (!walk.next(i, e, c)) {
+            at = w;
+            return Fast::kRefused;
+        }
+        if (e.count > static_cast<uint32_t>(std::numeric_limits<int32_t>::max()))
+            return Fast::kSlowPath;
+        int32_t type;
+        uint32_t count;
+        shapeValues(kPlatformShapes && e.known != androidtags::kUnknown
+                        ? androidtags::shapeOf(e.known)
+                        : AndroidShape::kPlain,
+                    e, type, count);
+        w = putRecord(w, e.tag, type, count, e);
+    }
+    at = w;
+    records = h.entryCount;
+    return Fast::kDone;
+}
+
+}  // namespace
+
 AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out,
                                     const AndroidTagMap* map, AndroidLeftOutList* leftOut) {
     AndroidReadResult r{};
@@ -289,8 +359,11 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     }
     if (!packet::checkHeader(p, size, h, r.check)) return refused();
     if (h.entryCount > static_cast<uint32_t>(flat::kMaxRecords)) {
-        r.check = packet::refuse(offsetof(Header, entryCount), "entry_count", -1,
-                                 "more entries than a container holds (32767)");
+        // Refused either way; for the packet's own fault when it has one, as the check says.
+        r.check = checkAndroidPacket(p, size);
+        if (r.check.ok)
+            r.check = packet::refuse(offsetof(Header, entryCount), "entry_count", -1,
+                                     "more entries than a container holds (32767)");
         return refused();
     }
 
@@ -310,11 +383,24 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
         return refused();
     }
     uint8_t* at = flatBytes + flat::kStorageHeader;
+    uint32_t records = 0;
 
+    // The usual read: a map without rules, every entry with a place in the container.
+    Fast fast = Fast::kSlowPath;
+    if (tags.ruleCount() == 0)
+        fast = tags.platformShapes() ? translate<true>(p, h, at, records, r.check)
+                                     : translate<false>(p, h, at, records, r.check);
+    if (fast == Fast::kRefused) {
+        done.used = static_cast<size_t>(at - flatBytes);
+        return refused();
+    }
+    if (fast == Fast::kSlowPath) {
+        at = flatBytes + flat::kStorageHeader;
+        records = 0;
+    }
     EntryWalk walk(p, h);
     Entry e;
-    uint32_t records = 0;
-    for (uint32_t i = 0; i < h.entryCount; ++i) {
+    for (uint32_t i = 0; fast == Fast::kSlowPath && i < h.entryCount; ++i) {
         if (!walk.next(i, e, r.check)) {
             done.used = static_cast<size_t>(at - flatBytes);
             return refused();
@@ -333,30 +419,10 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
             left.note(e.tag, e.type, AndroidLeftOutReason::kTooLarge);
             continue;
         }
-        // int32 values the map shapes, when they make whole groups; otherwise they stay int32.
-        int32_t type = e.type;
-        uint32_t count = e.count;
-        if (shape != AndroidShape::kPlain && e.type == ANDROID_TYPE_INT32) {
-            const uint32_t group = groupOf(shape);
-            if (count % group == 0) {
-                type = typeOfShape(shape);
-                count /= group;
-            }
-        }
-        // Word by word (see the writer's loop for why not through a staged head).
-        const uint32_t length = static_cast<uint32_t>(flat::kContentHeader + e.bytes);
-        const uint32_t pattern = flat::kContentPattern;
-        std::memcpy(at, &tag, 4);
-        std::memcpy(at + 4, &length, 4);
-        std::memcpy(at + 8, &pattern, 4);
-        std::memcpy(at + 12, &type, 4);
-        std::memcpy(at + 16, &count, 4);
-        at += flat::kRecordHead + flat::kContentHeader;
-        if (e.bytes <= kInline)
-            std::memcpy(at, e.payload, kInline);
-        else
-            copyPayload(at, e.payload, e.bytes);
-        at += e.bytes;
+        int32_t type;
+        uint32_t count;
+        shapeValues(shape, e, type, count);
+        at = putRecord(at, tag, type, count, e);
         ++records;
     }
     const uint32_t blockHead[2] = {flat::kStorageMagic, records};
@@ -440,23 +506,96 @@ bool flattenToScratch(const IMetadata& meta, DoneOnExit& done, const uint8_t*& b
     return true;
 }
 
-// Where a row of the container goes in the packet: as toContainer, the other way.
-inline AndroidTagMap::Route toAndroid(const AndroidTagMap& map, uint32_t tag, uint32_t& androidTag,
-                                      AndroidShape& shape, const AndroidTagInfo*& info) {
-    AndroidTagMap::Route route;
-    if (map.ruleCount() == 0) {
-        androidTag = tag;
-        info = androidtags::find(tag);
-        shape = map.platformShapes() && info ? info->platformShape : AndroidShape::kPlain;
-        return AndroidTagMap::Route::kGo;
+// One row of the container's flat form, as it goes into the packet: its tag, type, element
+// count and payload there.
+struct Decision {
+    uint32_t tag;
+    uint8_t type;
+    uint32_t count;
+    uint64_t bytes;
+    const uint8_t* payload;
+};
+
+// Where the row of `tag` whose content record is `length` bytes at `content` goes; false, with
+// the reason and the row's type, when it has no place in the packet. Without rules (the usual
+// map) the tag keeps its number and, with the platform's shapes, the shape its definition gives.
+inline bool decide(const AndroidTagMap& map, uint32_t tag, const uint8_t* content,
+                   uint32_t length, Decision& d, AndroidLeftOutReason& why, int32_t& type) {
+    if (length < flat::kContentHeader) {  // a row without content: no type to give it
+        type = -1;
+        why = AndroidLeftOutReason::kNoAndroidType;
+        return false;
     }
-    route = map.toAndroid(tag, androidTag, shape);
-    info = androidtags::find(androidTag);
-    return route;
+    type = static_cast<int32_t>(get32(content + 4));
+    const uint32_t count = get32(content + 8);
+    uint32_t androidTag = tag;
+    AndroidShape shape = AndroidShape::kPlain;
+    uint8_t known;
+    if (map.ruleCount() == 0) {
+        known = androidtags::typeAndShape(tag);
+        if (map.platformShapes() && known != androidtags::kUnknown)
+            shape = androidtags::shapeOf(known);
+    } else {
+        const AndroidTagMap::Route route = map.toAndroid(tag, androidTag, shape);
+        if (route != AndroidTagMap::Route::kGo) {
+            why = route == AndroidTagMap::Route::kExcluded ? AndroidLeftOutReason::kExcluded
+                                                           : AndroidLeftOutReason::kNumberTaken;
+            return false;
+        }
+        known = androidtags::typeAndShape(androidTag);
+    }
+    uint8_t androidType;
+    uint64_t androidCount = count;
+    if (type >= TYPE_UINT8 && type <= TYPE_MRational) {
+        androidType = static_cast<uint8_t>(type);
+    } else if ((type == TYPE_MRect || type == TYPE_MSize || type == TYPE_MPoint) &&
+               typeOfShape(shape) == type) {
+        androidType = ANDROID_TYPE_INT32;
+        androidCount *= groupOf(shape);
+    } else {
+        why = isBasicType(type) ? AndroidLeftOutReason::kNoShape
+                                : AndroidLeftOutReason::kNoAndroidType;
+        return false;
+    }
+    if (known != androidtags::kUnknown && androidtags::typeOf(known) != androidType) {
+        why = AndroidLeftOutReason::kWrongType;
+        return false;
+    }
+    const uint64_t bytes = androidCount * packet::kTypeSize[androidType];
+    if (androidCount > std::numeric_limits<uint32_t>::max() ||
+        length - flat::kContentHeader < bytes) {
+        why = AndroidLeftOutReason::kTooLarge;
+        return false;
+    }
+    d = Decision{androidTag, androidType, static_cast<uint32_t>(androidCount), bytes,
+                 content + flat::kContentHeader};
+    return true;
 }
 
-// What goes into the packet, in order. The flat form comes from the library itself; its
-// fields are still bounded by its size as they are read.
+// Walks the records of the container's flat form: fn(row, tag, content, length) for each,
+// false from fn stopping the walk. False when the form ends before its records do (not
+// reached: the form comes from the library).
+template <typename Fn>
+bool forEachRecord(const uint8_t* form, size_t size, Fn&& fn) {
+    uint32_t records = 0;
+    if (size >= flat::kStorageHeader) {
+        const int32_t n = static_cast<int32_t>(get32(form + 4));
+        records = n > 0 ? static_cast<uint32_t>(n) : 0;
+    }
+    size_t pos = flat::kStorageHeader;
+    for (uint32_t row = 0; row < records; ++row) {
+        if (size - pos < flat::kRecordHead) return false;
+        const uint32_t tag = get32(form + pos);
+        const uint32_t length = get32(form + pos + 4);
+        pos += flat::kRecordHead;
+        if (size - pos < length) return false;
+        if (!fn(row, tag, form + pos, length)) return true;
+        pos += length;
+    }
+    return true;
+}
+
+// What goes into the packet, in order.
 Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, LeftOut& left,
           DoneOnExit& planDone) {
     Plan plan;
@@ -473,66 +612,22 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         return plan;
     }
     plan.entries = out;
-    size_t pos = flat::kStorageHeader;
-    for (uint32_t row = 0; row < records; ++row) {
-        if (size - pos < flat::kRecordHead) {
-            plan.why = "the container's flat form ended early";
-            return plan;
-        }
-        const uint32_t tag = get32(form + pos);
-        const uint32_t length = get32(form + pos + 4);
-        pos += flat::kRecordHead;
-        if (size - pos < length) {
-            plan.why = "the container's flat form ended early";
-            return plan;
-        }
-        const uint8_t* content = form + pos;
-        pos += length;
-        if (length < flat::kContentHeader) {  // a row without content: no type to give it
-            left.note(tag, -1, AndroidLeftOutReason::kNoAndroidType);
-            continue;
-        }
-        const int32_t type = static_cast<int32_t>(get32(content + 4));
-        const uint32_t count = get32(content + 8);
-        uint32_t androidTag;
-        AndroidShape shape;
-        const AndroidTagInfo* info;
-        const AndroidTagMap::Route route = toAndroid(tags, tag, androidTag, shape, info);
-        if (route != AndroidTagMap::Route::kGo) {
-            left.note(tag, type,
-                      route == AndroidTagMap::Route::kExcluded
-                          ? AndroidLeftOutReason::kExcluded
-                          : AndroidLeftOutReason::kNumberTaken);
-            continue;
-        }
-        // The Android type and count of the values, or why they have none.
-        uint8_t androidType;
-        uint64_t androidCount = count;
-        if (type >= TYPE_UINT8 && type <= TYPE_MRational) {
-            androidType = static_cast<uint8_t>(type);
-        } else if ((type == TYPE_MRect || type == TYPE_MSize || type == TYPE_MPoint) &&
-                   typeOfShape(shape) == type) {
-            androidType = ANDROID_TYPE_INT32;
-            androidCount = uint64_t{count} * groupOf(shape);
-        } else {
-            left.note(tag, type,
-                      isBasicType(type) ? AndroidLeftOutReason::kNoShape
-                                        : AndroidLeftOutReason::kNoAndroidType);
-            continue;
-        }
-        if (info && info->type != androidType) {
-            left.note(tag, type, AndroidLeftOutReason::kWrongType);
-            continue;
-        }
-        const uint64_t bytes = androidCount * packet::kTypeSize[androidType];
-        if (androidCount > std::numeric_limits<uint32_t>::max() ||
-            length - flat::kContentHeader < bytes) {
-            left.note(tag, type, AndroidLeftOutReason::kTooLarge);
-            continue;
-        }
-        new (&out[plan.count++]) Planned{androidTag,  row, static_cast<uint32_t>(androidCount),
-                                         androidType, content + flat::kContentHeader, bytes};
-        if (bytes > kInline) plan.dataBytes += packet::alignUp(bytes);
+    const bool whole = forEachRecord(
+        form, size, [&](uint32_t row, uint32_t tag, const uint8_t* content, uint32_t length) {
+            Decision d;
+            AndroidLeftOutReason why;
+            int32_t type;
+            if (!decide(tags, tag, content, length, d, why, type)) {
+                left.note(tag, type, why);
+                return true;
+            }
+            new (&out[plan.count++]) Planned{d.tag, row, d.count, d.type, d.payload, d.bytes};
+            if (d.bytes > kInline) plan.dataBytes += packet::alignUp(d.bytes);
+            return true;
+        });
+    if (!whole) {
+        plan.why = "the container's flat form ended early";
+        return plan;
     }
     if (options.sorted)
         std::sort(out, out + plan.count, [](const Planned& a, const Planned& b) {
@@ -540,6 +635,102 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         });
     plan.ok = true;
     return plan;
+}
+
+// One entry and its payload, field by field, straight into the packet (a staged entry read
+// back in another width would stall the processor on every entry). An out-of-line payload
+// goes to `data`, at `offset` in the data area; both move past it.
+inline void putEntry(uint8_t* entry, uint32_t tag, uint8_t type, uint32_t count,
+                     const uint8_t* payload, uint64_t bytes, uint8_t*& data, uint32_t& offset) {
+    const uint32_t typeWord = type;  // the type byte and three reserved zero bytes
+    std::memcpy(entry + offsetof(packet::RawEntry, tag), &tag, 4);
+    std::memcpy(entry + offsetof(packet::RawEntry, count), &count, 4);
+    std::memcpy(entry + offsetof(packet::RawEntry, type), &typeWord, 4);
+    uint8_t* field = entry + offsetof(packet::RawEntry, data);
+    if (bytes <= kInline) {
+        std::memset(field, 0, kInline);
+        copyPayload(field, payload, static_cast<size_t>(bytes));
+        return;
+    }
+    std::memcpy(field, &offset, sizeof(offset));
+    // The reserved tail of a payload that is not a multiple of 8 bytes is zero: its last word
+    // is cleared before the payload is copied over it.
+    const uint64_t reserved = packet::alignUp(bytes);
+    if (reserved != bytes) std::memset(data + reserved - 8, 0, 8);
+    copyPayload(data, payload, static_cast<size_t>(bytes));
+    data += reserved;
+    offset += static_cast<uint32_t>(reserved);
+}
+
+void putHeader(uint8_t* out, uint32_t total, uint32_t entries, uint32_t dataBytes,
+               const AndroidWriteOptions& options) {
+    Header h{};
+    h.size = total;
+    h.version = AndroidPacketLayout::kVersion;
+    h.flags = options.sorted ? AndroidPacketLayout::kFlagSorted : 0;
+    h.entryCount = entries;
+    h.entryCapacity = entries;
+    h.entriesStart = static_cast<uint32_t>(kHeaderSize);
+    h.dataCount = dataBytes;
+    h.dataCapacity = dataBytes;
+    h.dataStart = static_cast<uint32_t>(kHeaderSize + kEntrySize * entries);
+    h.vendorId = options.vendorId;
+    std::memcpy(out, &h, sizeof(h));
+}
+
+// The usual write in one pass: in row order, with a map without rules, every row with a place
+// in the packet (so the data area starts right after one entry per row) and room enough in
+// the buffer. Anything else stops it (having written nothing past `size`), and the write takes
+// the planned path. A plain loop with its state in registers: this runs on every result.
+template <bool kPlatformShapes>
+long writeInOnePass(const uint8_t* form, size_t formSize, const AndroidWriteOptions& options,
+                    uint8_t* out, size_t size) {
+    if (formSize < flat::kStorageHeader) return -1;
+    const int32_t declared = static_cast<int32_t>(get32(form + 4));
+    const uint32_t records = declared > 0 ? static_cast<uint32_t>(declared) : 0;
+    const uint64_t dataStart = kHeaderSize + kEntrySize * uint64_t{records};
+    if (dataStart > size) return -1;
+    const uint8_t* const formEnd = form + formSize;
+    const uint8_t* at = form + flat::kStorageHeader;
+    uint8_t* entry = out + kHeaderSize;
+    uint8_t* data = out + dataStart;
+    uint8_t* const end = out + size;
+    uint32_t offset = 0;
+    for (uint32_t row = 0; row < records; ++row, entry += kEntrySize) {
+        if (static_cast<size_t>(formEnd - at) < flat::kRecordHead + flat::kContentHeader) return -1;
+        const uint32_t tag = get32(at);
+        const uint32_t length = get32(at + 4);
+        const int32_t type = static_cast<int32_t>(get32(at + 12));
+        uint32_t count = get32(at + 16);
+        const uint8_t* payload = at + flat::kRecordHead + flat::kContentHeader;
+        if (length < flat::kContentHeader ||
+            static_cast<size_t>(formEnd - at) - flat::kRecordHead < length)
+            return -1;
+        at += flat::kRecordHead + length;
+        const uint8_t known = androidtags::typeAndShape(tag);
+        uint8_t androidType;
+        if (type >= TYPE_UINT8 && type <= TYPE_MRational) {
+            androidType = static_cast<uint8_t>(type);
+        } else if (kPlatformShapes && known != androidtags::kUnknown &&
+                   (type == TYPE_MRect || type == TYPE_MSize || type == TYPE_MPoint) &&
+                   typeOfShape(androidtags::shapeOf(known)) == type) {
+            androidType = ANDROID_TYPE_INT32;
+            if (count > std::numeric_limits<uint32_t>::max() / 4) return -1;
+            count *= groupOf(androidtags::shapeOf(known));
+        } else {
+            return -1;
+        }
+        if (known != androidtags::kUnknown && androidtags::typeOf(known) != androidType) return -1;
+        const uint64_t bytes = uint64_t{count} * packet::kTypeSize[androidType];
+        if (length - flat::kContentHeader < bytes) return -1;
+        if (bytes > kInline && static_cast<uint64_t>(end - data) < packet::alignUp(bytes))
+            return -1;
+        putEntry(entry, tag, androidType, count, payload, bytes, data, offset);
+    }
+    const uint64_t total = dataStart + offset;
+    if (total > std::numeric_limits<uint32_t>::max()) return -1;
+    putHeader(out, static_cast<uint32_t>(total), records, offset, options);
+    return static_cast<long>(total);
 }
 
 // The compact packet's size: header, entries, data; -1 when a u32 cannot hold it.
@@ -552,13 +743,26 @@ long packetSize(const Plan& plan) {
 
 long androidPacketSize(const IMetadata& meta, const AndroidWriteOptions& options,
                        AndroidLeftOutList* leftOut) {
-    DoneOnExit flatDone{flatScratch()}, planDone{planScratch()};
+    DoneOnExit flatDone{flatScratch()};
     LeftOut left(leftOut);
     const uint8_t* form;
     size_t size;
     if (!flattenToScratch(meta, flatDone, form, size)) return -1;
-    const Plan p = plan(form, size, options, left, planDone);
-    return p.ok ? packetSize(p) : -1;
+    const AndroidTagMap& tags = options.map ? *options.map : defaultMap();
+    uint64_t total = kHeaderSize;
+    const bool whole = forEachRecord(
+        form, size, [&](uint32_t, uint32_t tag, const uint8_t* content, uint32_t length) {
+            Decision d;
+            AndroidLeftOutReason why;
+            int32_t type;
+            if (!decide(tags, tag, content, length, d, why, type)) {
+                left.note(tag, type, why);
+                return true;
+            }
+            total += kEntrySize + (d.bytes > kInline ? packet::alignUp(d.bytes) : 0);
+            return true;
+        });
+    return whole && total <= std::numeric_limits<uint32_t>::max() ? static_cast<long>(total) : -1;
 }
 
 long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
@@ -575,6 +779,14 @@ long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
         META_LOGE("the container could not be flattened for an android packet");
         return -1;
     }
+    auto* const out = static_cast<uint8_t*>(buf);
+    const AndroidTagMap& tags = options.map ? *options.map : defaultMap();
+    if (!options.sorted && tags.ruleCount() == 0) {
+        const long total = tags.platformShapes()
+                               ? writeInOnePass<true>(form, formSize, options, out, size)
+                               : writeInOnePass<false>(form, formSize, options, out, size);
+        if (total >= 0) return total;
+    }
     const Plan p = plan(form, formSize, options, left, planDone);
     if (!p.ok) {
         META_LOGE("cannot write an android packet: %s", p.why);
@@ -589,49 +801,14 @@ long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
         META_LOGE("the android packet needs %ld bytes, the buffer holds %zu", total, size);
         return -1;
     }
-
-    auto* const out = static_cast<uint8_t*>(buf);
-    const uint32_t dataStart = static_cast<uint32_t>(kHeaderSize + kEntrySize * p.count);
-    const uint32_t dataBytes = static_cast<uint32_t>(p.dataBytes);
-    Header h{};
-    h.size = static_cast<uint32_t>(total);
-    h.version = AndroidPacketLayout::kVersion;
-    h.flags = options.sorted ? AndroidPacketLayout::kFlagSorted : 0;
-    h.entryCount = p.count;
-    h.entryCapacity = p.count;
-    h.entriesStart = static_cast<uint32_t>(kHeaderSize);
-    h.dataCount = dataBytes;
-    h.dataCapacity = dataBytes;
-    h.dataStart = dataStart;
-    h.vendorId = options.vendorId;
-    std::memcpy(out, &h, sizeof(h));
-
-    uint8_t* entry = out + kHeaderSize;
-    uint8_t* data = out + dataStart;
+    uint8_t* data = out + kHeaderSize + kEntrySize * p.count;
     uint32_t offset = 0;
-    // Field by field, straight into the packet (a staged entry read back in another width
-    // would stall the processor on every entry).
-    for (uint32_t i = 0; i < p.count; ++i, entry += kEntrySize) {
+    for (uint32_t i = 0; i < p.count; ++i) {
         const Planned& e = p.entries[i];
-        const uint32_t typeWord = e.type;  // the type byte and three reserved zero bytes
-        std::memcpy(entry + offsetof(packet::RawEntry, tag), &e.tag, 4);
-        std::memcpy(entry + offsetof(packet::RawEntry, count), &e.count, 4);
-        std::memcpy(entry + offsetof(packet::RawEntry, type), &typeWord, 4);
-        uint8_t* field = entry + offsetof(packet::RawEntry, data);
-        if (e.bytes <= kInline) {
-            std::memset(field, 0, kInline);
-            copyPayload(field, e.payload, static_cast<size_t>(e.bytes));
-        } else {
-            std::memcpy(field, &offset, sizeof(offset));
-            // The reserved tail of a payload that is not a multiple of 8 bytes is zero: its
-            // last word is cleared before the payload is copied over it.
-            const uint64_t reserved = packet::alignUp(e.bytes);
-            if (reserved != e.bytes) std::memset(data + reserved - 8, 0, 8);
-            copyPayload(data, e.payload, static_cast<size_t>(e.bytes));
-            data += reserved;
-            offset += static_cast<uint32_t>(reserved);
-        }
+        putEntry(out + kHeaderSize + kEntrySize * i, e.tag, e.type, e.count, e.payload, e.bytes,
+                 data, offset);
     }
+    putHeader(out, static_cast<uint32_t>(total), p.count, offset, options);
     if (left.count)
         META_LOGW("%u entries have no place in the android packet; the first: tag 0x%08x (%s)",
                   left.count, left.firstTag, androidLeftOutReasonText(left.firstReason));

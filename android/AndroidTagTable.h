@@ -1,6 +1,6 @@
 #pragma once
 // The generated table of the platform's tag definitions (AndroidTags.cpp, written at build
-// time by GenerateAndroidTags.cmake from android_tags.tsv) and its lookup.
+// time by GenerateAndroidTags.cmake from android_tags.tsv) and its lookups.
 #include <zorcam/metadata/AndroidPacket.h>
 
 #include <cstddef>
@@ -9,35 +9,52 @@
 namespace NSCam {
 namespace androidtags {
 
-// The rows of one section: kTags[first .. first + count).
-struct SectionRows {
+// The slots of one section: kSlotRows and kSlotTypes [first .. first + count), one per index.
+struct SectionSlots {
     uint32_t first;
     uint32_t count;
 };
 
-extern const AndroidEnumValue kEnumValues[];
-extern const AndroidTagInfo kTags[];
-extern const size_t kTagCount;
-extern const SectionRows kSections[];
-extern const size_t kSectionCount;
+// Hidden: inside the library, so that the packet paths reach them without an indirection.
+#define ZORCAM_TABLE __attribute__((visibility("hidden")))
+extern const AndroidEnumValue kEnumValues[] ZORCAM_TABLE;
+extern const AndroidTagInfo kTags[] ZORCAM_TABLE;
+extern const size_t kTagCount ZORCAM_TABLE;
+extern const SectionSlots kSections[] ZORCAM_TABLE;
+extern const size_t kSectionCount ZORCAM_TABLE;
+extern const uint16_t kSlotRows[] ZORCAM_TABLE;  // the row in kTags; kNoRow for a gap
+extern const uint8_t kSlotTypes[] ZORCAM_TABLE;  // type | platform shape << 4; kUnknown for a gap
+#undef ZORCAM_TABLE
 
-// The definition of `tag`, or null. Sections are dense, so this is one index; a section with
-// gaps falls back to a search of its rows.
-inline const AndroidTagInfo* find(uint32_t tag) {
+constexpr uint16_t kNoRow = 0xFFFF;
+constexpr uint8_t kUnknown = 0xFF;
+
+// The slot of `tag`, or -1 for a tag the platform does not define.
+inline int64_t slotOf(uint32_t tag) {
     const uint32_t section = tag >> 16;
-    if (section >= kSectionCount) return nullptr;
-    const SectionRows rows = kSections[section];
+    if (section >= kSectionCount) return -1;
+    const SectionSlots s = kSections[section];
     const uint32_t index = tag & 0xFFFF;
-    if (index < rows.count && kTags[rows.first + index].tag == tag) return &kTags[rows.first + index];
-    uint32_t lo = rows.first, hi = rows.first + rows.count;
-    while (lo < hi) {
-        const uint32_t mid = lo + (hi - lo) / 2;
-        if (kTags[mid].tag < tag)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo < rows.first + rows.count && kTags[lo].tag == tag ? &kTags[lo] : nullptr;
+    return index < s.count ? int64_t{s.first} + index : -1;
+}
+
+// The element type and platform shape of `tag` in one byte (type in bits 0..3, shape in 4..7),
+// or kUnknown: what the packet paths need, in one small array.
+inline uint8_t typeAndShape(uint32_t tag) {
+    const int64_t slot = slotOf(tag);
+    return slot < 0 ? kUnknown : kSlotTypes[slot];
+}
+inline uint8_t typeOf(uint8_t typeAndShape) {
+    return typeAndShape & 0x0F;
+}
+inline AndroidShape shapeOf(uint8_t typeAndShape) {
+    return static_cast<AndroidShape>(typeAndShape >> 4);
+}
+
+// The definition of `tag`, or null.
+inline const AndroidTagInfo* find(uint32_t tag) {
+    const int64_t slot = slotOf(tag);
+    return slot < 0 || kSlotRows[slot] == kNoRow ? nullptr : &kTags[kSlotRows[slot]];
 }
 
 }  // namespace androidtags

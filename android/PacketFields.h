@@ -122,7 +122,7 @@ struct Entry {
     uint32_t count;
     const uint8_t* payload;  // in the packet: the entry's data field, or the data area
     size_t bytes;
-    const AndroidTagInfo* info;  // the tag's definition, or null
+    uint8_t known;  // the definition's type and platform shape, or androidtags::kUnknown
 };
 
 // The rules of one entry. Those that span entries (sorted order, payloads that together do
@@ -130,29 +130,32 @@ struct Entry {
 inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry& e,
                        AndroidPacketCheck& c) {
     const size_t at = h.entriesStart + kEntrySize * static_cast<size_t>(index);
-    RawEntry raw;
-    std::memcpy(&raw, p + at, sizeof(raw));
+    // Field by field, as words: the type byte and the reserved bytes in one.
+    uint32_t tag, count, word, typeWord;
+    std::memcpy(&tag, p + at + offsetof(RawEntry, tag), 4);
+    std::memcpy(&count, p + at + offsetof(RawEntry, count), 4);
+    std::memcpy(&word, p + at + offsetof(RawEntry, data), 4);
+    std::memcpy(&typeWord, p + at + offsetof(RawEntry, type), 4);
+    const uint32_t type = typeWord & 0xFF;
     const int64_t i = index;
-    if (raw.type >= ANDROID_NUM_TYPES) {
+    if (type >= ANDROID_NUM_TYPES) {
         c = refuse(at + offsetof(RawEntry, type), "type", i, "unknown element type");
         return false;
     }
-    if (raw.reserved[0] | raw.reserved[1] | raw.reserved[2]) {
+    if (typeWord >> 8) {
         c = refuse(at + offsetof(RawEntry, reserved), "reserved", i, "not 0");
         return false;
     }
     // At most 2^32 x 8 bytes: 64-bit arithmetic cannot overflow.
-    const uint64_t bytes = uint64_t{raw.count} * kTypeSize[raw.type];
-    uint32_t word;  // the data field: inline bytes, or the payload's offset
-    std::memcpy(&word, raw.data, sizeof(word));
+    const uint64_t bytes = uint64_t{count} * kTypeSize[type];
     if (bytes <= kInline) {
         // Unused inline bytes are 0, and so is the whole field of an entry without elements
         // (little-endian: byte b of the field is bits 8b .. 8b + 7 of the word).
         const uint32_t unused = bytes == kInline ? 0 : ~uint32_t{0} << (8 * bytes);
         if (word & unused) {
             c = refuse(at + offsetof(RawEntry, data), "data", i,
-                       raw.count == 0 ? "an entry without elements carries a non-zero offset"
-                                      : "unused inline payload bytes not 0");
+                       count == 0 ? "an entry without elements carries a non-zero offset"
+                                  : "unused inline payload bytes not 0");
             return false;
         }
         e.payload = p + at + offsetof(RawEntry, data);
@@ -178,17 +181,17 @@ inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry&
         e.payload = p + h.dataStart + word;
     }
     // The platform's definitions fix the type of the tags they know (none in vendor sections).
-    const AndroidTagInfo* info = androidtags::find(raw.tag);
-    if (info && info->type != raw.type) {
+    const uint8_t known = androidtags::typeAndShape(tag);
+    if (known != androidtags::kUnknown && androidtags::typeOf(known) != type) {
         c = refuse(at + offsetof(RawEntry, type), "type", i,
                    "not the type the tag's definition gives");
         return false;
     }
-    e.info = info;
-    e.tag = raw.tag;
-    e.type = raw.type;
-    e.count = raw.count;
+    e.tag = tag;
+    e.type = static_cast<uint8_t>(type);
+    e.count = count;
     e.bytes = static_cast<size_t>(bytes);
+    e.known = known;
     return true;
 }
 
@@ -197,8 +200,14 @@ inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry&
 // cannot overlap to make a reader copy more than the packet holds.
 class EntryWalk {
 public:
-    EntryWalk(const uint8_t* p, const Header& h)
-        : mP(p), mH(h), mSorted((h.flags & AndroidPacketLayout::kFlagSorted) != 0) {}
+    // `previous` and `payloads`: the tag of the entry before and the out-of-line bytes so far,
+    // for a walk that starts in the middle.
+    EntryWalk(const uint8_t* p, const Header& h, uint32_t previous = 0, uint64_t payloads = 0)
+        : mP(p),
+          mH(h),
+          mSorted((h.flags & AndroidPacketLayout::kFlagSorted) != 0),
+          mPrevious(previous),
+          mPayloads(payloads) {}
 
     bool next(uint32_t index, Entry& e, AndroidPacketCheck& c) {
         if (!checkEntry(mP, mH, index, e, c)) return false;
@@ -224,8 +233,8 @@ private:
     const uint8_t* mP;
     const Header& mH;
     bool mSorted;
-    uint32_t mPrevious = 0;
-    uint64_t mPayloads = 0;
+    uint32_t mPrevious;
+    uint64_t mPayloads;
 };
 
 }  // namespace packet
