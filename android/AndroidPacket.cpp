@@ -275,8 +275,7 @@ namespace {
 
 // Writes one flat record: its heads word by word (see putEntry for why), then the payload; an
 // inline one as its whole 4-byte field (the next record overwrites what is not its own).
-inline uint8_t* putRecord(uint8_t* at, uint32_t tag, int32_t type, uint32_t count,
-                          const Entry& e) {
+inline uint8_t* putRecord(uint8_t* at, uint32_t tag, int32_t type, uint32_t count, const Entry& e) {
     const uint32_t length = static_cast<uint32_t>(flat::kContentHeader + e.bytes);
     const uint32_t pattern = flat::kContentPattern;
     std::memcpy(at, &tag, 4);
@@ -373,10 +372,9 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     // are copied as the whole 4-byte field (the next record overwrites what is not theirs).
     Scratch& scratch = flatScratch();
     DoneOnExit done{scratch};
-    const size_t bound = flat::kStorageHeader +
-                         (flat::kRecordHead + flat::kContentHeader + kInline) *
-                             size_t{h.entryCount} +
-                         h.dataCount;
+    const size_t bound =
+        flat::kStorageHeader +
+        (flat::kRecordHead + flat::kContentHeader + kInline) * size_t{h.entryCount} + h.dataCount;
     uint8_t* const flatBytes = scratch.get(bound);
     if (!flatBytes) {
         r.check = packet::refuse(0, "size", -1, "no memory to read the packet");
@@ -440,9 +438,10 @@ AndroidReadResult readAndroidPacket(const void* buf, size_t size, IMetadata& out
     r.leftOut = left.count;
     fillHeader(r.check, h);
     if (left.count)
-        META_LOGW("%u entries of the android packet have no place in the container; the first: "
-                  "tag 0x%08x (%s)",
-                  left.count, left.firstTag, androidLeftOutReasonText(left.firstReason));
+        META_LOGW(
+            "%u entries of the android packet have no place in the container; the first: "
+            "tag 0x%08x (%s)",
+            left.count, left.firstTag, androidLeftOutReasonText(left.firstReason));
     return r;
 }
 
@@ -519,8 +518,8 @@ struct Decision {
 // Where the row of `tag` whose content record is `length` bytes at `content` goes; false, with
 // the reason and the row's type, when it has no place in the packet. Without rules (the usual
 // map) the tag keeps its number and, with the platform's shapes, the shape its definition gives.
-inline bool decide(const AndroidTagMap& map, uint32_t tag, const uint8_t* content,
-                   uint32_t length, Decision& d, AndroidLeftOutReason& why, int32_t& type) {
+inline bool decide(const AndroidTagMap& map, uint32_t tag, const uint8_t* content, uint32_t length,
+                   Decision& d, AndroidLeftOutReason& why, int32_t& type) {
     if (length < flat::kContentHeader) {  // a row without content: no type to give it
         type = -1;
         why = AndroidLeftOutReason::kNoAndroidType;

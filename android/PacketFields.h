@@ -170,8 +170,7 @@ inline bool checkEntry(const uint8_t* p, const Header& h, uint32_t index, Entry&
             return false;
         }
         if (uint64_t{word} + bytes > h.dataCapacity) {
-            c = refuse(at + offsetof(RawEntry, data), "data", i,
-                       "payload runs past data_capacity");
+            c = refuse(at + offsetof(RawEntry, data), "data", i, "payload runs past data_capacity");
             return false;
         }
         if (uint64_t{word} + bytes > h.dataCount) {

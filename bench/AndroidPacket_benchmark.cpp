@@ -136,8 +136,8 @@ IMetadata makeRequest() {
             std::abort();
     }
     if (meta.count() != 120) {
-        std::fprintf(stderr, "the workload at %s has %u request rows, not 120\n",
-                     ZORCAM_BENCH_DATA, meta.count());
+        std::fprintf(stderr, "the workload at %s has %u request rows, not 120\n", ZORCAM_BENCH_DATA,
+                     meta.count());
         std::abort();
     }
     return meta;
@@ -165,7 +165,8 @@ std::vector<uint8_t> flatOf(const IMetadata& meta) {
 std::vector<uint64_t> packetOf(const IMetadata& meta, bool sorted) {
     const long size = androidPacketSize(meta, options(sorted));
     std::vector<uint64_t> words((static_cast<size_t>(size) + 7) / 8);
-    if (size < 0 || writeAndroidPacket(meta, words.data(), words.size() * 8, options(sorted)) != size)
+    if (size < 0 ||
+        writeAndroidPacket(meta, words.data(), words.size() * 8, options(sorted)) != size)
         std::abort();
     return words;
 }

@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     IMetadata meta;
     const AndroidReadResult r = readAndroidPacket(data, size, meta, &shapes);
     if (c.ok && !r.ok) {
-        FUZZ_REQUIRE(std::strcmp(r.check.reason, "more entries than a container holds (32767)") == 0);
+        FUZZ_REQUIRE(std::strcmp(r.check.reason, "more entries than a container holds (32767)") ==
+                     0);
         return 0;
     }
     FUZZ_REQUIRE(r.ok == c.ok);

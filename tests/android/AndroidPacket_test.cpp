@@ -123,52 +123,52 @@ TEST_P(AndroidCheckRefuses, NamingFieldAndByte) {
 // Entry i starts at 48 + 16 i: tag +0, count +4, data +8, type +12, reserved +13.
 const std::vector<Refusal> kRefusals = {
     Refusal{"truncated_header", [](Bytes& p) { p.resize(47); }, "size", 0, -1,
-                "fewer bytes than the 48-byte header"},
+            "fewer bytes than the 48-byte header"},
     Refusal{"size_below_header", [](Bytes& p) { set32(p, 0, 40); }, "size", 0, -1,
-                "smaller than the 48-byte header"},
+            "smaller than the 48-byte header"},
     Refusal{"truncated", [](Bytes& p) { p.resize(p.size() - 8); }, "size", 0, -1,
-                "larger than the bytes received"},
+            "larger than the bytes received"},
     Refusal{"version", [](Bytes& p) { set32(p, 4, 2); }, "version", 4, -1, "not version 1"},
     Refusal{"flags", [](Bytes& p) { set32(p, 8, 0x3); }, "flags", 8, -1,
-                "flag bits other than bit 0 (sorted)"},
+            "flag bits other than bit 0 (sorted)"},
     Refusal{"entry_count", [](Bytes& p) { set32(p, 12, 4); }, "entry_count", 12, -1,
-                "more entries than entry_capacity"},
+            "more entries than entry_capacity"},
     Refusal{"data_count", [](Bytes& p) { set32(p, 24, 24); }, "data_count", 24, -1,
-                "more data than data_capacity"},
+            "more data than data_capacity"},
     Refusal{"entries_in_header", [](Bytes& p) { set32(p, 20, 40); }, "entries_start", 20, -1,
-                "the entries would overlap the header"},
-    Refusal{"entries_misaligned", [](Bytes& p) { set32(p, 20, 52); }, "entries_start", 20,
-                -1, "not 8-aligned"},
-    Refusal{"data_start_misaligned", [](Bytes& p) { set32(p, 32, 100); }, "data_start", 32,
-                -1, "not 8-aligned"},
-        // The hole the platform's own validator once had: a capacity added unscaled.
-    Refusal{"entry_capacity_unscaled", [](Bytes& p) { set32(p, 16, 4); }, "entry_capacity",
-                16, -1, "the entry array runs past data_start"},
-    Refusal{"data_past_size", [](Bytes& p) { set32(p, 28, 24), set32(p, 24, 16); },
-                "data_capacity", 28, -1, "the data area runs past size"},
+            "the entries would overlap the header"},
+    Refusal{"entries_misaligned", [](Bytes& p) { set32(p, 20, 52); }, "entries_start", 20, -1,
+            "not 8-aligned"},
+    Refusal{"data_start_misaligned", [](Bytes& p) { set32(p, 32, 100); }, "data_start", 32, -1,
+            "not 8-aligned"},
+    // The hole the platform's own validator once had: a capacity added unscaled.
+    Refusal{"entry_capacity_unscaled", [](Bytes& p) { set32(p, 16, 4); }, "entry_capacity", 16, -1,
+            "the entry array runs past data_start"},
+    Refusal{"data_past_size", [](Bytes& p) { set32(p, 28, 24), set32(p, 24, 16); }, "data_capacity",
+            28, -1, "the data area runs past size"},
     Refusal{"padding", [](Bytes& p) { set32(p, 36, 1); }, "padding", 36, -1, "not 0"},
     Refusal{"unknown_type", [](Bytes& p) { p[48 + 12] = 6; }, "type", 60, 0,
-                "unknown element type"},
+            "unknown element type"},
     Refusal{"reserved", [](Bytes& p) { p[64 + 14] = 1; }, "reserved", 77, 1, "not 0"},
     Refusal{"count_wraps_32_bits",
-                [](Bytes& p) { set32(p, 80 + 4, 0x20000001); },  // x 8 bytes: past 2^32
-                "count", 84, 2, "count x element size exceeds data_capacity"},
+            [](Bytes& p) { set32(p, 80 + 4, 0x20000001); },  // x 8 bytes: past 2^32
+            "count", 84, 2, "count x element size exceeds data_capacity"},
     Refusal{"offset_misaligned", [](Bytes& p) { set32(p, 64 + 8, 4); }, "data", 72, 1,
-                "payload offset not 8-aligned"},
+            "payload offset not 8-aligned"},
     Refusal{"payload_past_capacity", [](Bytes& p) { set32(p, 80 + 8, 16); }, "data", 88, 2,
-                "payload runs past data_capacity"},
+            "payload runs past data_capacity"},
     Refusal{"payload_past_count", [](Bytes& p) { set32(p, 24, 8); }, "data", 88, 2,
-                "payload runs past data_count"},
-    Refusal{"empty_with_offset", [](Bytes& p) { set32(p, 48 + 4, 0), set32(p, 48 + 8, 8); },
-                "data", 56, 0, "an entry without elements carries a non-zero offset"},
+            "payload runs past data_count"},
+    Refusal{"empty_with_offset", [](Bytes& p) { set32(p, 48 + 4, 0), set32(p, 48 + 8, 8); }, "data",
+            56, 0, "an entry without elements carries a non-zero offset"},
     Refusal{"inline_garbage", [](Bytes& p) { p[48 + 8 + 3] = 0xff; }, "data", 56, 0,
-                "unused inline payload bytes not 0"},
-    Refusal{"wrong_type_for_tag", [](Bytes& p) { p[48 + 12] = ANDROID_TYPE_INT32; }, "type",
-                60, 0, "not the type the tag's definition gives"},
+            "unused inline payload bytes not 0"},
+    Refusal{"wrong_type_for_tag", [](Bytes& p) { p[48 + 12] = ANDROID_TYPE_INT32; }, "type", 60, 0,
+            "not the type the tag's definition gives"},
     Refusal{"unsorted_flagged_sorted", [](Bytes& p) { set32(p, 48, 0x80000000), set32(p, 8, 1); },
             "tag", 64, 1, "out of order in a packet flagged sorted"},
-    Refusal{"overlapping_payloads", [](Bytes& p) { set32(p, 80 + 8, 0), set32(p, 24, 8); }, "data", 88, 2,
-                "payloads together exceed data_count (they overlap)"}};
+    Refusal{"overlapping_payloads", [](Bytes& p) { set32(p, 80 + 8, 0), set32(p, 24, 8); }, "data",
+            88, 2, "payloads together exceed data_count (they overlap)"}};
 INSTANTIATE_TEST_SUITE_P(Rules, AndroidCheckRefuses, testing::ValuesIn(kRefusals),
                          [](const testing::TestParamInfo<Refusal>& p) {
                              return std::string(p.param.name);
@@ -262,8 +262,8 @@ struct Values<MPoint> {
 
 template <typename T>
 class AndroidRoundTrip : public testing::Test {};
-using PacketTypes = testing::Types<uint8_t, int, float, long, double, MRational, MRect, MSize,
-                                   MPoint>;
+using PacketTypes =
+    testing::Types<uint8_t, int, float, long, double, MRational, MRect, MSize, MPoint>;
 TYPED_TEST_SUITE(AndroidRoundTrip, PacketTypes);
 
 // The values under test between two other entries, and an empty vendor entry of their type.
@@ -275,8 +275,9 @@ IMetadata roundTripContainer() {
     put<uint8_t>(m, 0x00000000, {1});  // colorCorrection.mode, after it in row order
     // An empty vendor entry of the type: only a flat form makes one (the entry API has no
     // typed entry without values).
-    const uint32_t form[7] = {0x01245432, 1, 0x80000000 + Values<T>::kTag % 7, 12,
-                              0xAB2454CD, static_cast<uint32_t>(TypeCode<T>::value), 0};
+    const uint32_t form[7] = {0x01245432, 1,          0x80000000 + Values<T>::kTag % 7,
+                              12,         0xAB2454CD, static_cast<uint32_t>(TypeCode<T>::value),
+                              0};
     m += IMetadata(form, sizeof(form));
     return m;
 }
@@ -433,9 +434,10 @@ TEST_F(AndroidMapTest, ReadingLeavesOutExcludedAndTakenNumbers) {
     EXPECT_EQ(left.entries[0].reason, AndroidLeftOutReason::kExcluded);
     EXPECT_EQ(left.entries[1].tag, 0x90000001u);
     EXPECT_EQ(left.entries[1].reason, AndroidLeftOutReason::kNumberTaken);
-    EXPECT_EQ(log.take(), (std::vector<std::string>{
-                              "readAndroidPacket:2 entries of the android packet have no place in "
-                              "the container; the first: tag 0x00010003 (excluded by the tag map)"}));
+    EXPECT_EQ(log.take(),
+              (std::vector<std::string>{
+                  "readAndroidPacket:2 entries of the android packet have no place in "
+                  "the container; the first: tag 0x00010003 (excluded by the tag map)"}));
     int v = 0;
     EXPECT_TRUE(IMetadata::getEntry<int>(&back, 0x90000001, v));
     EXPECT_EQ(v, 6);
@@ -449,8 +451,8 @@ TEST_F(AndroidMapTest, WhatHasNoAndroidFormIsReported) {
     put<IMetadata::Memory>(m, 0x80010000, {IMetadata::Memory("abc", 3)});
     put<IMetadata>(m, 0x80020000, {inner});
     put<MRect>(m, kCropRegion, {MRect(0, 0, 1, 1)});  // the default map gives no shape
-    put<int>(m, kFocalLength, {4});                    // the platform says float
-    m.update(IMetadata::IEntry(0x000c0001));           // a row without a type
+    put<int>(m, kFocalLength, {4});                   // the platform says float
+    m.update(IMetadata::IEntry(0x000c0001));          // a row without a type
     AndroidLeftOutList left;
     const Bytes p = write(m, false, nullptr, &left);
     EXPECT_EQ(checkAndroidPacket(p.data(), p.size()).entryCount, 1u);
@@ -583,7 +585,8 @@ TEST(AndroidTags, DefinitionsAndEnumeratedValues) {
 template <typename T>
 void addRoundTrip(std::map<std::string, Bytes>& out) {
     const AndroidTagMap map = roundTripMap<T>();
-    out[std::string("round_trip_") + Values<T>::kName] = write(roundTripContainer<T>(), false, &map);
+    out[std::string("round_trip_") + Values<T>::kName] =
+        write(roundTripContainer<T>(), false, &map);
     out[std::string("round_trip_sorted_") + Values<T>::kName] =
         write(roundTripContainer<T>(), true, &map);
 }

@@ -401,7 +401,8 @@ TEST(ZmetaPacket, SampleDumpMatchesGolden) {
 // comes back from json | from-json as the same bytes, up to the packet's own size.
 TEST(ZmetaPacket, JsonRoundTripOfEverySeedIsByteExact) {
     size_t tried = 0;
-    for (const auto& f : fs::directory_iterator(fs::path(ZMETA_CORPUS_DIR) / "AndroidPacket_fuzz")) {
+    for (const auto& f :
+         fs::directory_iterator(fs::path(ZMETA_CORPUS_DIR) / "AndroidPacket_fuzz")) {
         const std::string s = slurp(f.path());
         const AndroidPacketCheck c = checkAndroidPacket(s.data(), s.size());
         if (!c.ok) continue;

@@ -127,8 +127,8 @@ std::unique_ptr<Form> readPacket(const uint8_t* data, size_t size) {
     auto form = std::make_unique<Form>();
     form->android = true;
     form->spare = size - c.size;
-    form->packet = PacketHeader{c.size, c.flags, c.entryCapacity, c.dataCount, c.dataCapacity,
-                                c.vendorId};
+    form->packet =
+        PacketHeader{c.size, c.flags, c.entryCapacity, c.dataCount, c.dataCapacity, c.vendorId};
     form->rows.resize(c.entryCount);
     for (uint32_t i = 0; i < c.entryCount; ++i) {
         NSCam::AndroidPacketEntry e;

@@ -441,7 +441,8 @@ std::vector<uint8_t> packetFromJson(const json& doc) {
         const uint64_t bytes = starts[i + 1] - starts[i];
         if (bytes > pl::AndroidPacketLayout::kInlineBytes) dataCount += align(bytes);
     }
-    const uint64_t entryCapacity = std::max<uint64_t>(heads.size(), field("entry_capacity", 0, UINT32_MAX));
+    const uint64_t entryCapacity =
+        std::max<uint64_t>(heads.size(), field("entry_capacity", 0, UINT32_MAX));
     const uint64_t dataCapacity = std::max(dataCount, field("data_capacity", 0, UINT32_MAX));
     const uint64_t dataStart = 48 + 16 * entryCapacity;
     const uint64_t size = align(dataStart + dataCapacity);

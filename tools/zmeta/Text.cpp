@@ -144,8 +144,7 @@ void appendBasicValues(Out& out, const Row& row, const NSCam::TypeFacts& facts, 
             out += name;
             out += " (";
         }
-        appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts.size),
-                      false);
+        appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts.size), false);
         if (name) out += ')';
         out.checkpoint();
     }

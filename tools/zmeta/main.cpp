@@ -152,8 +152,7 @@ std::vector<uint8_t> flatOf(const NSCam::IMetadata& meta) {
 }
 
 // A packet to compare with a flat form: the flat form of what a receiver reads from it.
-std::unique_ptr<Form> asFlat(const std::string& file, const Loaded& l,
-                             std::vector<uint8_t>& keep) {
+std::unique_ptr<Form> asFlat(const std::string& file, const Loaded& l, std::vector<uint8_t>& keep) {
     keep = flatOf(containerOf(file, l));
     return readForm(keep.data(), keep.size());
 }

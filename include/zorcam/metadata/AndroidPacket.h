@@ -78,13 +78,13 @@ struct AndroidEnumValue {
 
 struct AndroidTagInfo {
     uint32_t tag;
-    const char* name;     // "android.control.aeMode"
-    uint8_t type;         // ANDROID_TYPE_*
-    const char* shape;    // "single", "4", "n x 2", "5 x area_count" ...
-    uint8_t kinds;        // kControls | kDynamic | kStatic
-    const char* typedefName;  // "rectangle", "size", "enumList" ...; "" for none
+    const char* name;            // "android.control.aeMode"
+    uint8_t type;                // ANDROID_TYPE_*
+    const char* shape;           // "single", "4", "n x 2", "5 x area_count" ...
+    uint8_t kinds;               // kControls | kDynamic | kStatic
+    const char* typedefName;     // "rectangle", "size", "enumList" ...; "" for none
     AndroidShape platformShape;  // what AndroidTagMap::withPlatformShapes() gives it
-    uint16_t firstEnum;   // its enumerated values: androidEnumValues()[firstEnum ...]
+    uint16_t firstEnum;          // its enumerated values (androidEnumName looks them up)
     uint16_t enumCount;
 
     static constexpr uint8_t kControls = 0x1;  // in requests
