@@ -47,6 +47,8 @@ constexpr size_t kKeepBytes = size_t{1} << 20;
 
 class Scratch {
 public:
+    // `reserve`: with a range; else heap buffers only (for the small plan of a write).
+    explicit Scratch(bool reserve) : mTried(!reserve) {}
     ~Scratch() {
         if (mRange) munmap(mRange, kRangeBytes);
     }
@@ -88,11 +90,11 @@ private:
 
 // Two per thread: a write holds its flat form in one and the order of its entries in the other.
 Scratch& flatScratch() {
-    thread_local Scratch s;
+    thread_local Scratch s(true);
     return s;
 }
 Scratch& planScratch() {
-    thread_local Scratch s;
+    thread_local Scratch s(false);
     return s;
 }
 

@@ -301,6 +301,9 @@ public:
         const Bytes packet = packetOf(p);
         write("packet.pkt", packet);
         write("truncated.pkt", packet.data(), packet.size() - 1);
+        Bytes shifted(1, 0);  // one byte before it, as a capture that lost the alignment
+        shifted.insert(shifted.end(), packet.begin(), packet.end());
+        write("shifted.pkt", shifted);
         Bytes bad = packet;
         bad[64 + 8] = 4;  // entry 1's payload offset
         write("misaligned.pkt", bad);
@@ -350,6 +353,9 @@ INSTANTIATE_TEST_SUITE_P(
         Use{"oversized_packet", "zmeta get - android.control.aeMode < oversized.pkt", 2, "",
             "zmeta: standard input: not an android packet: count x element size exceeds "
             "data_capacity (count) at byte 84\n"},
+        Use{"shifted_packet", "zmeta check shifted.pkt", 1, "refused at byte 0 (size): ", ""},
+        Use{"shifted_packet_dump", "zmeta dump shifted.pkt", 2, "",
+            "zmeta: shifted.pkt: not an android packet: "},
         Use{"packet_forced_flat", "zmeta --format flat dump packet.pkt", 2, "",
             "zmeta: packet.pkt: not a flat form: bad storage magic at byte 0\n"},
         Use{"get_from_packet", "zmeta get packet.pkt android.lens.focalLength", 0, "4.38\n1.8\n",
