@@ -768,7 +768,7 @@ long androidPacketSize(const IMetadata& meta, const AndroidWriteOptions& options
 
 long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
                         const AndroidWriteOptions& options, AndroidLeftOutList* leftOut) {
-    DoneOnExit flatDone{flatScratch()}, planDone{planScratch()};
+    DoneOnExit flatDone{flatScratch()};
     LeftOut left(leftOut);
     if (!buf) {
         META_LOGE("no buffer to write the android packet to");
@@ -788,6 +788,7 @@ long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
                                : writeInOnePass<false>(form, formSize, options, out, size);
         if (total >= 0) return total;
     }
+    DoneOnExit planDone{planScratch()};  // only here: the one pass above needs no plan
     const Plan p = plan(form, formSize, options, left, planDone);
     if (!p.ok) {
         META_LOGE("cannot write an android packet: %s", p.why);
