@@ -455,7 +455,6 @@ namespace {
 // One entry of the packet to write: where its values are in the flat form.
 struct Planned {
     uint32_t tag;
-    uint32_t row;  // in the container: the order of a row-order packet, and ties when sorting
     uint32_t count;
     uint8_t type;
     const uint8_t* payload;
@@ -464,6 +463,8 @@ struct Planned {
 
 struct Plan {
     Planned* entries = nullptr;
+    // Sorted: the order to write them in, as keys of tag (high half) and index (low half).
+    uint64_t* order = nullptr;
     uint32_t count = 0;
     uint64_t dataBytes = 0;  // the data area: out-of-line payloads, each rounded up to 8
     bool ok = false;
@@ -606,7 +607,7 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         const int32_t n = static_cast<int32_t>(get32(form + 4));
         records = n > 0 ? static_cast<uint32_t>(n) : 0;
     }
-    planDone.used = sizeof(Planned) * records;
+    planDone.used = (sizeof(Planned) + (options.sorted ? sizeof(uint64_t) : 0)) * records;
     auto* out = reinterpret_cast<Planned*>(planDone.s.get(planDone.used));
     if (records && !out) {
         plan.why = "no memory for the packet's entries";
@@ -614,7 +615,7 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
     }
     plan.entries = out;
     const bool whole = forEachRecord(
-        form, size, [&](uint32_t row, uint32_t tag, const uint8_t* content, uint32_t length) {
+        form, size, [&](uint32_t, uint32_t tag, const uint8_t* content, uint32_t length) {
             Decision d;
             AndroidLeftOutReason why;
             int32_t type;
@@ -622,7 +623,7 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
                 left.note(tag, type, why);
                 return true;
             }
-            new (&out[plan.count++]) Planned{d.tag, row, d.count, d.type, d.payload, d.bytes};
+            new (&out[plan.count++]) Planned{d.tag, d.count, d.type, d.payload, d.bytes};
             if (d.bytes > kInline) plan.dataBytes += packet::alignUp(d.bytes);
             return true;
         });
@@ -630,10 +631,14 @@ Plan plan(const uint8_t* form, size_t size, const AndroidWriteOptions& options, 
         plan.why = "the container's flat form ended early";
         return plan;
     }
-    if (options.sorted)
-        std::sort(out, out + plan.count, [](const Planned& a, const Planned& b) {
-            return a.tag != b.tag ? a.tag < b.tag : a.row < b.row;
-        });
+    if (options.sorted) {
+        // Keys of 8 bytes sort faster than the entries themselves; equal tags (possible only
+        // through a tag map's numbers) keep their row order through the index.
+        plan.order = reinterpret_cast<uint64_t*>(out + records);
+        for (uint32_t i = 0; i < plan.count; ++i)
+            plan.order[i] = uint64_t{out[i].tag} << 32 | i;
+        std::sort(plan.order, plan.order + plan.count);
+    }
     plan.ok = true;
     return plan;
 }
@@ -806,7 +811,7 @@ long writeAndroidPacket(const IMetadata& meta, void* buf, size_t size,
     uint8_t* data = out + kHeaderSize + kEntrySize * p.count;
     uint32_t offset = 0;
     for (uint32_t i = 0; i < p.count; ++i) {
-        const Planned& e = p.entries[i];
+        const Planned& e = p.entries[p.order ? static_cast<uint32_t>(p.order[i]) : i];
         putEntry(out + kHeaderSize + kEntrySize * i, e.tag, e.type, e.count, e.payload, e.bytes,
                  data, offset);
     }
