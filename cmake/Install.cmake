@@ -1,10 +1,13 @@
 # `cmake --install` lays out the library for camera components built outside this tree:
 #
 #   lib/libzorcam_metadata.so.<major>[.<minor>]   the library, with its SONAME
+#   lib/libzorcam_metadata_android.so.<major>[...] the Android packet bridge above it
 #   lib/libzorcam_platform_host.so.<major>[...]    the host stand-ins it loads off the device
 #   include/zorcam/metadata/*.h                    the public headers
-#   lib/cmake/zorcam_metadata/                     find_package(zorcam_metadata CONFIG) -> zorcam::metadata
+#   lib/cmake/zorcam_metadata/                     find_package(zorcam_metadata CONFIG) -> zorcam::metadata,
+#                                                  zorcam::metadata_android
 #   lib/pkgconfig/zorcam_metadata.pc               pkg-config --cflags --libs zorcam_metadata
+#   lib/pkgconfig/zorcam_metadata_android.pc       ... zorcam_metadata_android (the bridge and the container)
 #   bin/zmeta                                      when the tool is built
 #
 # (lib is CMAKE_INSTALL_LIBDIR, lib/<multiarch> under /usr.) Everything is found relative to
@@ -17,11 +20,11 @@ set(ZORCAM_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # The stand-ins sit beside the library; the Debian android libraries stay where Debian puts them.
 set_target_properties(zorcam_platform_host PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
-set_target_properties(zorcam_metadata zorcam_platform_host PROPERTIES
+set_target_properties(zorcam_metadata zorcam_metadata_android zorcam_platform_host PROPERTIES
   INSTALL_RPATH "$ORIGIN;${ANDROID_HOST_LIBDIR}")
 set_target_properties(zorcam_metadata PROPERTIES EXPORT_NAME metadata)
 
-install(TARGETS zorcam_metadata EXPORT zorcam_metadataTargets
+install(TARGETS zorcam_metadata zorcam_metadata_android EXPORT zorcam_metadataTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # Off the device the library loads the stand-ins (zorcam::platform_host, exported so that a
 # consumer's link finds them); nothing a consumer compiles sees the platform interfaces.
@@ -53,4 +56,7 @@ install(FILES
 file(RELATIVE_PATH ZORCAM_PC_TO_PREFIX /${ZORCAM_PKGCONFIG_DIR} /)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zorcam_metadata.pc.in
   ${CMAKE_CURRENT_BINARY_DIR}/zorcam_metadata.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zorcam_metadata.pc DESTINATION ${ZORCAM_PKGCONFIG_DIR})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/zorcam_metadata_android.pc.in
+  ${CMAKE_CURRENT_BINARY_DIR}/zorcam_metadata_android.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zorcam_metadata.pc
+  ${CMAKE_CURRENT_BINARY_DIR}/zorcam_metadata_android.pc DESTINATION ${ZORCAM_PKGCONFIG_DIR})

@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_deps.sh
 seconds=${FUZZ_SECONDS:-30}
-targets=(MetadataCheck_fuzz MetadataFlat_fuzz MetadataOps_fuzz)
+targets=(MetadataCheck_fuzz MetadataFlat_fuzz MetadataOps_fuzz AndroidPacket_fuzz)
 
 echo "=== fuzz: configure and build"
 cmake --preset fuzz >/dev/null

@@ -2,6 +2,7 @@
 // library is linked only to build inputs and to normalise forms (rebuild, then flatten).
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <zorcam/metadata/AndroidPacket.h>
 #include <zorcam/metadata/IMetadata.h>
 #include <zorcam/metadata/MetadataCheck.h>
 
@@ -77,6 +78,14 @@ void write(const std::string& name, const std::string& s) {
 Bytes flat(const IMetadata& m) {
     Bytes b(static_cast<size_t>(m.flattenSize()));
     b.resize(static_cast<size_t>(std::max(0L, m.flatten(b.data(), b.size()))));
+    return b;
+}
+
+Bytes packetOf(const IMetadata& m, bool sorted = false) {
+    AndroidWriteOptions o;
+    o.sorted = sorted;
+    Bytes b(static_cast<size_t>(androidPacketSize(m, o)));
+    writeAndroidPacket(m, b.data(), b.size(), o);
     return b;
 }
 
@@ -282,6 +291,28 @@ public:
         write("wide.json", std::string(R"([{"tag": "0x1", "type": "uint8", "values": [256]}])"));
         write("misnamed.json", std::string(R"([{"tag": "0x1", "name": "android.lens.focalLength",
                                                 "type": "uint8", "values": [1]}])"));
+        IMetadata p;
+        IMetadata::setEntry<uint8_t>(&p, 0x00010003, 1);
+        IMetadata::IEntry focal(0x00080002);
+        focal.push_back(4.38f, Type2Type<float>());
+        focal.push_back(1.8f, Type2Type<float>());
+        p.update(focal);
+        IMetadata::setEntry<long>(&p, 0x000e0000, 33333333L);
+        const Bytes packet = packetOf(p);
+        write("packet.pkt", packet);
+        write("truncated.pkt", packet.data(), packet.size() - 1);
+        Bytes shifted(1, 0);  // one byte before it, as a capture that lost the alignment
+        shifted.insert(shifted.end(), packet.begin(), packet.end());
+        write("shifted.pkt", shifted);
+        Bytes bad = packet;
+        bad[64 + 8] = 4;  // entry 1's payload offset
+        write("misaligned.pkt", bad);
+        bad = packet;
+        bad[80 + 7] = 0x20;  // entry 2's count: 2^29, 4 GiB of int64
+        write("oversized.pkt", bad);
+        IMetadata blob;
+        IMetadata::setEntry<IMetadata::Memory>(&blob, 0x80010000, IMetadata::Memory("abc", 3));
+        write("blob", flat(blob));
     }
 };
 
@@ -303,7 +334,39 @@ TEST_P(ZmetaUse, ExitCodeAndOutput) {
 INSTANTIATE_TEST_SUITE_P(
     Commands, ZmetaUse,
     testing::Values(
-        Use{"sample_is_accepted", "zmeta sample | zmeta check -", 0, "ok: 122 entries", ""},
+        Use{"sample_is_accepted", "zmeta sample | zmeta check -", 0, "ok: 61 entries", ""},
+        Use{"sample_packet_is_accepted", "zmeta sample --format android | zmeta check -", 0,
+            "ok: android packet, 61 entries, 1272 bytes\n", ""},
+        Use{"sample_in_both_forms",
+            "zmeta sample > s.bin && zmeta sample -f android > s.pkt && "
+            "zmeta convert --to android --sorted s.bin | cmp - s.pkt && "
+            "zmeta convert --to flat s.pkt | cmp - s.bin && zmeta diff s.pkt s.bin && echo same",
+            0, "same\n", ""},
+        Use{"packet_check_refuses", "zmeta check misaligned.pkt", 1,
+            "refused at byte 72 (data): payload offset not 8-aligned\n", ""},
+        Use{"truncated_packet", "zmeta dump truncated.pkt", 2, "",
+            "zmeta: truncated.pkt: not an android packet: larger than the bytes received (size) at "
+            "byte 0\n"},
+        Use{"misaligned_packet", "zmeta json misaligned.pkt", 2, "",
+            "zmeta: misaligned.pkt: not an android packet: payload offset not 8-aligned (data) at "
+            "byte 72\n"},
+        Use{"oversized_packet", "zmeta get - android.control.aeMode < oversized.pkt", 2, "",
+            "zmeta: standard input: not an android packet: count x element size exceeds "
+            "data_capacity (count) at byte 84\n"},
+        Use{"shifted_packet", "zmeta check shifted.pkt", 1, "refused at byte 0 (size): ", ""},
+        Use{"shifted_packet_dump", "zmeta dump shifted.pkt", 2, "",
+            "zmeta: shifted.pkt: not an android packet: "},
+        Use{"packet_forced_flat", "zmeta --format flat dump packet.pkt", 2, "",
+            "zmeta: packet.pkt: not a flat form: bad storage magic at byte 0\n"},
+        Use{"get_from_packet", "zmeta get packet.pkt android.lens.focalLength", 0, "4.38\n1.8\n",
+            ""},
+        Use{"diff_packet_and_flat", "zmeta diff packet.pkt a", 1,
+            "--- packet.pkt\n+++ a\n~ 0x00080002 android.lens.focalLength\n  - float[2] 4.38 1.8\n"
+            "  + float[1] 4.38\n- 0x000e0000 android.sensor.exposureTime int64[1] 33333333\n",
+            ""},
+        Use{"no_android_form", "zmeta convert --to android blob", 2, "",
+            "zmeta: blob: 1 entry has no Android form: 0x80010000 memory (no Android type); "
+            "--lossy leaves them out\n"},
         Use{"check_refuses", "zmeta check bad_type", 1,
             "refused at byte 20: type code out of range", ""},
         Use{"dump_of_bad_type", "zmeta dump bad_type", 2, "", "type code out of range"},
@@ -314,12 +377,12 @@ INSTANTIATE_TEST_SUITE_P(
         Use{"get_absent", "zmeta get a android.control.afMode", 1, "", ""},
         Use{"get_unknown_name", "zmeta get a android.lens.nothing", 2, "", "android.lens.nothing"},
         Use{"dump_filtered", "zmeta dump -t android.control.aeMode a", 0,
-            "0x00010003 android.control.aeMode uint8[1] 1\n", ""},
+            "0x00010003 android.control.aeMode uint8[1] ON (1)\n", ""},
         Use{"diff_identical", "zmeta diff a a", 0, "", ""},
         Use{"diff_changed", "zmeta diff a b", 1,
             "--- a\n+++ b\n~ 0x00080002 android.lens.focalLength\n  - float[1] 4.38\n"
-            "  + float[1] 5.0\n- 0x00010003 android.control.aeMode uint8[1] 1\n"
-            "+ 0x00010007 android.control.afMode uint8[1] 2\n",
+            "  + float[1] 5.0\n- 0x00010003 android.control.aeMode uint8[1] ON (1)\n"
+            "+ 0x00010007 android.control.afMode uint8[1] MACRO (2)\n",
             ""},
         Use{"missing_file", "zmeta dump nothing_here", 2, "", "nothing_here: No such file"},
         Use{"bad_json", "zmeta from-json garbage.json", 2, "", "garbage.json: not JSON"},
@@ -329,6 +392,52 @@ INSTANTIATE_TEST_SUITE_P(
         Use{"no_file_argument", "zmeta dump", 2, "", "FILE"},
         Use{"unknown_command", "zmeta frobnicate a", 2, "", "frobnicate"}),
     [](const testing::TestParamInfo<Use>& p) { return std::string(p.param.name); });
+
+// The first lines of the sample packet's dump, as the README shows them: the header, enumerated
+// values by name, rectangles and sizes by their typedef.
+TEST(ZmetaPacket, SampleDumpMatchesGolden) {
+    const Result r = run("zmeta sample --format android | zmeta dump -");
+    ASSERT_EQ(r.code, 0) << r.err;
+    const fs::path golden = fs::path(ZMETA_TEST_DIR) / "sample_android.dump";
+    if (std::getenv("ZMETA_UPDATE_GOLDEN")) std::ofstream(golden) << r.out;
+    EXPECT_EQ(r.out, slurp(golden));
+}
+
+// Every packet the bridge's tests write (the seeds of its fuzz target) that the check accepts
+// comes back from json | from-json as the same bytes, up to the packet's own size.
+TEST(ZmetaPacket, JsonRoundTripOfEverySeedIsByteExact) {
+    size_t tried = 0;
+    for (const auto& f :
+         fs::directory_iterator(fs::path(ZMETA_CORPUS_DIR) / "AndroidPacket_fuzz")) {
+        const std::string s = slurp(f.path());
+        const AndroidPacketCheck c = checkAndroidPacket(s.data(), s.size());
+        if (!c.ok) continue;
+        ++tried;
+        write("seed.pkt", s.data(), s.size());
+        const Result r = run("zmeta json seed.pkt | zmeta from-json - > seed.back");
+        ASSERT_EQ(r.code, 0) << f.path() << ": " << r.err;
+        EXPECT_EQ(slurp(scratch() / "seed.back"), s.substr(0, c.size)) << f.path();
+    }
+    EXPECT_GE(tried, 20u);
+}
+
+TEST(ZmetaPacket, LossyConvertNamesWhatItLeftOut) {
+    IMetadata m;
+    IMetadata::setEntry<uint8_t>(&m, 0x00010003, 1);
+    IMetadata::setEntry<IMetadata::Memory>(&m, 0x80010000, IMetadata::Memory("abc", 3));
+    IMetadata::setEntry<MRect>(&m, 0x80000000, MRect(0, 0, 1, 1));
+    write("mixed", flat(m));
+    const Result r = run("zmeta convert --to android --lossy mixed > mixed.pkt");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.err,
+              "zmeta: mixed: left out 2 entries: 0x80010000 memory (no Android type), 0x80000000 "
+              "rect (no shape for it in the tag map)\n");
+    const Result dump = run("zmeta dump mixed.pkt");
+    EXPECT_EQ(dump.code, 0);
+    EXPECT_EQ(dump.out,
+              "android packet: 64 bytes, 1 entry, data 0 bytes, flags 0x00000000, vendor id none\n"
+              "0x00010003 android.control.aeMode byte[1] ON (1)\n");
+}
 
 // Forms of 64 MiB and more come through a pipe whole.
 TEST(ZmetaInput, Reads64MiBFromStandardInput) {

@@ -1,4 +1,5 @@
-// Reading a checked flat form into rows (the layout is in FlatForm.h).
+// Reading a checked flat form (the layout is in FlatForm.h) or packet into rows.
+#include <zorcam/metadata/AndroidPacket.h>
 #include <zorcam/metadata/FlatForm.h>
 
 #include <cstring>
@@ -117,6 +118,30 @@ std::unique_ptr<Form> readForm(const uint8_t* data, size_t size) {
     Reader reader(data, size);
     std::unique_ptr<Form> form = reader.block(size, 0);
     form->spare = size - reader.pos();
+    return form;
+}
+
+std::unique_ptr<Form> readPacket(const uint8_t* data, size_t size) {
+    const NSCam::AndroidPacketCheck c = NSCam::checkAndroidPacket(data, size);
+    if (!c.ok) throw Failure(std::string("the check refused the packet: ") + c.reason);
+    auto form = std::make_unique<Form>();
+    form->android = true;
+    form->spare = size - c.size;
+    form->packet =
+        PacketHeader{c.size, c.flags, c.entryCapacity, c.dataCount, c.dataCapacity, c.vendorId};
+    form->rows.resize(c.entryCount);
+    for (uint32_t i = 0; i < c.entryCount; ++i) {
+        NSCam::AndroidPacketEntry e;
+        if (!NSCam::androidPacketEntry(data, size, i, e))
+            throw Failure("the check accepted a packet this tool cannot read (entry " +
+                          std::to_string(i) + ")");
+        Row& row = form->rows[i];
+        row.tag = e.tag;
+        row.hasContent = true;
+        row.type = e.type;
+        row.count = e.count;
+        row.payload = Span{e.payload, e.bytes};
+    }
     return form;
 }
 

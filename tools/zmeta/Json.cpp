@@ -16,6 +16,21 @@
 // Reading: "tag" is a number, a hex or decimal string, or an Android name; "name", when
 // given, must be the tag's name; float and double values also take "nan", "inf" and "-inf".
 // Spare bytes that receivers skip are not carried: `dump` shows them.
+//
+// A packet is an object: its header fields and its entries, in the packet's order, of the
+// platform's types ("byte" ... "rational"; values as above):
+//
+//   {"android_packet": {"version": 1, "flags": "0x00000001", "vendor_id": "0xffffffffffffffff",
+//                       "entry_capacity": 63, "data_capacity": 1032},
+//    "entries": [{"tag": "0x00010003", "name": "android.control.aeMode", "type": "byte",
+//                 "values": [2]}, ...]}
+//
+// from-json lays the packet out as the library writes one: entries at byte 48, then the data
+// area, payloads in entry order each on an 8-byte boundary, room as the capacities say (at
+// least what the entries need), zeros where nothing is written. A packet laid out so gives
+// back the same bytes; for another layout, the same header, entries and values. An
+// enumerated value may be given by name ("ON_AUTO_FLASH").
+#include <zorcam/metadata/AndroidPacket.h>
 #include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataCheck.h>
 
@@ -36,7 +51,7 @@ using nlohmann::json;
 
 void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent);
 
-void appendEntry(Out& out, const Row& row, int indent) {
+void appendEntry(Out& out, const Row& row, int indent, bool android) {
     out.pad(indent);
     out += "{\"tag\": \"";
     appendHex32(out, row.tag);
@@ -55,7 +70,7 @@ void appendEntry(Out& out, const Row& row, int indent) {
     out += ", \"type\": ";
     if (NSCam::typeFacts(row.type) || row.type == -1) {
         out += '"';
-        out += typeName(row.type);
+        out += typeName(row.type, android);
         out += '"';
     } else {
         out += std::to_string(row.type);
@@ -99,7 +114,7 @@ void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only, 
         if (!only.empty() && std::find(only.begin(), only.end(), row.tag) == only.end()) continue;
         out += first ? "\n" : ",\n";
         first = false;
-        appendEntry(out, row, indent + 2);
+        appendEntry(out, row, indent + 2, form.android);
         out.checkpoint();
     }
     if (!first) {
@@ -115,6 +130,9 @@ void appendBlock(Out& out, const Form& form, const std::vector<uint32_t>& only, 
 class FormWriter {
 public:
     std::vector<uint8_t> bytes;
+    // The definition of the entry being read, when it enumerates its values: names are
+    // accepted for them.
+    const NSCam::AndroidTagInfo* enumerated = nullptr;
 
     void block(const json& entries, const std::string& path, int depth) {
         if (!entries.is_array()) fail(path, "expected an array of entries");
@@ -159,7 +177,12 @@ private:
         fail(path, "not a tag number nor a known tag name");
     }
 
-    static int64_t integer(const json& v, int64_t lo, int64_t hi, const std::string& path) {
+    int64_t integer(const json& v, int64_t lo, int64_t hi, const std::string& path) const {
+        int64_t named;
+        if (enumerated && v.is_string() &&
+            NSCam::androidEnumValue(*enumerated, v.get_ref<const std::string&>().c_str(), named) &&
+            named >= lo && named <= hi)
+            return named;
         if (v.is_number_unsigned() && v.get<uint64_t>() <= static_cast<uint64_t>(hi))
             return static_cast<int64_t>(v.get<uint64_t>());
         if (v.is_number_integer() && !v.is_number_unsigned() && v.get<int64_t>() >= lo &&
@@ -200,6 +223,8 @@ private:
     }
 
     void fields(const json& v, size_t n, const std::string& path) {
+        const NSCam::AndroidTagInfo* saved = enumerated;
+        enumerated = nullptr;
         if (!v.is_array() || v.size() != n)
             fail(path, "expected an array of " + std::to_string(n) + " integers");
         for (size_t i = 0; i < n; ++i) {
@@ -207,6 +232,7 @@ private:
                 integer(v[i], INT32_MIN, INT32_MAX, path + "/" + std::to_string(i)));
             raw(&x, 4);
         }
+        enumerated = saved;
     }
 
     void blob(const json& v, const std::string& path) {
@@ -301,17 +327,187 @@ private:
         u32(flat::kContentPattern);
         u32(static_cast<uint32_t>(code));
         u32(static_cast<uint32_t>(values.size()));
+        enumerated = enumeratedOf(tag);
         for (size_t i = 0; i < values.size(); ++i)
             value(code, values[i], path + "/values/" + std::to_string(i), depth);
+        enumerated = nullptr;
         fill(at, path);
     }
+
+    static const NSCam::AndroidTagInfo* enumeratedOf(uint32_t tag) {
+        const NSCam::AndroidTagInfo* info = NSCam::androidTagInfo(tag);
+        return info && info->enumCount ? info : nullptr;
+    }
+
+public:
+    // One entry of a packet: its tag, type and count, and its values appended to `bytes`.
+    struct PacketEntry {
+        uint32_t tag;
+        uint8_t type;
+        uint32_t count;
+    };
+    PacketEntry packetEntry(const json& entry, const std::string& path) {
+        if (!entry.is_object()) fail(path, "expected an entry object");
+        for (const auto& item : entry.items()) {
+            const std::string& key = item.key();
+            if (key != "tag" && key != "name" && key != "type" && key != "values")
+                fail(path, "unknown key \"" + key + "\"");
+        }
+        if (!entry.contains("tag")) fail(path, "no \"tag\"");
+        PacketEntry e;
+        e.tag = tagOf(entry["tag"], path + "/tag");
+        if (entry.contains("name") && !entry["name"].is_null()) {
+            const char* name = tagName(e.tag);
+            if (!entry["name"].is_string() || !name || entry["name"].get<std::string>() != name)
+                fail(path + "/name", "not the name of tag " + hexTag(e.tag));
+        }
+        if (!entry.contains("type") || !entry["type"].is_string() || !entry.contains("values") ||
+            !entry["values"].is_array())
+            fail(path, "expected a \"type\" and an array of \"values\"");
+        const std::string& type = entry["type"].get_ref<const std::string&>();
+        e.type = NSCam::ANDROID_NUM_TYPES;
+        for (uint8_t t = 0; t < NSCam::ANDROID_NUM_TYPES; ++t)
+            if (type == NSCam::androidTypeName(t)) e.type = t;
+        if (e.type == NSCam::ANDROID_NUM_TYPES)
+            fail(path + "/type", "not a packet type (byte, int32, float, int64, double, rational)");
+        const json& values = entry["values"];
+        if (values.size() > UINT32_MAX) fail(path, "too many values");
+        e.count = static_cast<uint32_t>(values.size());
+        enumerated = enumeratedOf(e.tag);
+        for (size_t i = 0; i < values.size(); ++i)
+            value(e.type, values[i], path + "/values/" + std::to_string(i), 0);
+        enumerated = nullptr;
+        return e;
+    }
+
+    // A header field: a number, or a string of hex digits after "0x".
+    static uint64_t headerNumber(const json& v, uint64_t max, const std::string& path) {
+        if (v.is_number_unsigned() && v.get<uint64_t>() <= max) return v.get<uint64_t>();
+        if (v.is_string()) {
+            const std::string& s = v.get_ref<const std::string&>();
+            uint64_t n = 0;
+            const char* end = s.data() + s.size();
+            if (s.size() > 2 && s.compare(0, 2, "0x") == 0 &&
+                std::from_chars(s.data() + 2, end, n, 16).ptr == end && n <= max)
+                return n;
+        }
+        fail(path, "not a number up to " + std::to_string(max) + " (or \"0x\" and hex digits)");
+    }
+
+    [[noreturn]] static void refuse(const std::string& path, const std::string& why) {
+        fail(path, why);
+    }
 };
+
+// A packet from its JSON object, laid out as the library lays one out.
+std::vector<uint8_t> packetFromJson(const json& doc) {
+    namespace pl = NSCam;
+    for (const auto& item : doc.items())
+        if (item.key() != "android_packet" && item.key() != "entries")
+            FormWriter::refuse("", "unknown key \"" + item.key() + "\"");
+    if (!doc.contains("android_packet") || !doc["android_packet"].is_object())
+        FormWriter::refuse("/android_packet", "expected an object");
+    const json& head = doc["android_packet"];
+    for (const auto& item : head.items()) {
+        const std::string& key = item.key();
+        if (key != "version" && key != "flags" && key != "vendor_id" && key != "entry_capacity" &&
+            key != "data_capacity")
+            FormWriter::refuse("/android_packet", "unknown key \"" + key + "\"");
+    }
+    const auto field = [&head](const char* key, uint64_t fallback, uint64_t max) {
+        return head.contains(key)
+                   ? FormWriter::headerNumber(head[key], max, std::string("/android_packet/") + key)
+                   : fallback;
+    };
+    if (field("version", 1, UINT32_MAX) != pl::AndroidPacketLayout::kVersion)
+        FormWriter::refuse("/android_packet/version", "only version 1 is known");
+    const uint32_t flags = static_cast<uint32_t>(field("flags", 0, UINT32_MAX));
+    const uint64_t vendorId = field("vendor_id", pl::AndroidPacketLayout::kNoVendorId, UINT64_MAX);
+    if (!doc.contains("entries") || !doc["entries"].is_array())
+        FormWriter::refuse("/entries", "expected an array of entries");
+    const json& entries = doc["entries"];
+
+    FormWriter values;  // every payload, one after the other
+    std::vector<FormWriter::PacketEntry> heads;
+    std::vector<size_t> starts;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        starts.push_back(values.bytes.size());
+        heads.push_back(values.packetEntry(entries[i], "/entries/" + std::to_string(i)));
+    }
+    starts.push_back(values.bytes.size());
+    const auto align = [](uint64_t n) { return (n + 7) & ~uint64_t{7}; };
+    uint64_t dataCount = 0;
+    for (size_t i = 0; i < heads.size(); ++i) {
+        const uint64_t bytes = starts[i + 1] - starts[i];
+        if (bytes > pl::AndroidPacketLayout::kInlineBytes) dataCount += align(bytes);
+    }
+    const uint64_t entryCapacity =
+        std::max<uint64_t>(heads.size(), field("entry_capacity", 0, UINT32_MAX));
+    const uint64_t dataCapacity = std::max(dataCount, field("data_capacity", 0, UINT32_MAX));
+    const uint64_t dataStart = 48 + 16 * entryCapacity;
+    const uint64_t size = align(dataStart + dataCapacity);
+    if (size > UINT32_MAX) FormWriter::refuse("", "a packet holds at most 4 GiB");
+
+    std::vector<uint8_t> out(static_cast<size_t>(size), 0);
+    const auto put = [&out](size_t at, uint32_t v) { std::memcpy(out.data() + at, &v, 4); };
+    put(0, static_cast<uint32_t>(size));
+    put(4, pl::AndroidPacketLayout::kVersion);
+    put(8, flags);
+    put(12, static_cast<uint32_t>(heads.size()));
+    put(16, static_cast<uint32_t>(entryCapacity));
+    put(20, 48);
+    put(24, static_cast<uint32_t>(dataCount));
+    put(28, static_cast<uint32_t>(dataCapacity));
+    put(32, static_cast<uint32_t>(dataStart));
+    std::memcpy(out.data() + 40, &vendorId, 8);
+    uint32_t offset = 0;
+    for (size_t i = 0; i < heads.size(); ++i) {
+        const size_t at = 48 + 16 * i;
+        const size_t bytes = starts[i + 1] - starts[i];
+        const uint8_t* payload = values.bytes.data() + starts[i];
+        put(at, heads[i].tag);
+        put(at + 4, heads[i].count);
+        out[at + 12] = heads[i].type;
+        if (bytes <= pl::AndroidPacketLayout::kInlineBytes) {
+            if (bytes) std::memcpy(out.data() + at + 8, payload, bytes);
+        } else {
+            put(at + 8, offset);
+            std::memcpy(out.data() + dataStart + offset, payload, bytes);
+            offset += static_cast<uint32_t>(align(bytes));
+        }
+    }
+    // Written from the layout by hand, so checked the way a receiver would check it.
+    const pl::AndroidPacketCheck check = pl::checkAndroidPacket(out.data(), out.size());
+    if (!check.ok)
+        throw Failure(std::string("receivers would refuse the packet: ") + check.reason + " (" +
+                      check.field + ") at byte " + std::to_string(check.offset));
+    return out;
+}
 
 }  // namespace
 
 void writeJson(Out& out, const Form& form, const std::vector<uint32_t>& only) {
+    if (!form.android) {
+        appendBlock(out, form, only, 0);
+        out += '\n';
+        return;
+    }
+    // A filtered packet has fewer entries than its capacities were made for: the capacities
+    // are left out, and from-json makes it compact.
+    const PacketHeader& h = form.packet;
+    out += "{\"android_packet\": {\"version\": 1, \"flags\": \"";
+    appendHex32(out, h.flags);
+    out += "\", \"vendor_id\": \"0x";
+    static const char digits[] = "0123456789abcdef";
+    for (int shift = 60; shift >= 0; shift -= 4) out += digits[(h.vendorId >> shift) & 0xF];
+    out += '"';
+    if (only.empty()) {
+        out += ", \"entry_capacity\": " + std::to_string(h.entryCapacity) +
+               ", \"data_capacity\": " + std::to_string(h.dataCapacity);
+    }
+    out += "},\n \"entries\": ";
     appendBlock(out, form, only, 0);
-    out += '\n';
+    out += "}\n";
 }
 
 std::vector<uint8_t> formFromJson(std::string_view text) {
@@ -325,6 +521,7 @@ std::vector<uint8_t> formFromJson(std::string_view text) {
         throw Failure("not JSON: " +
                       (bracket == std::string::npos ? why : why.substr(bracket + 2)));
     }
+    if (doc.is_object()) return packetFromJson(doc);
     FormWriter writer;
     writer.block(doc, "", 0);
     // Written from the layout by hand, so checked the way a receiver would check it.

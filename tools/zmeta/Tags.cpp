@@ -1,4 +1,6 @@
 // Tags and types by name.
+#include <zorcam/metadata/AndroidPacket.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -7,19 +9,6 @@
 
 namespace zmeta {
 namespace {
-
-// The generated table sorted by tag once, so that a dump of many rows pays a binary search
-// per row rather than a walk over the table.
-const std::vector<const TagName*>& byTag() {
-    static const std::vector<const TagName*> sorted = [] {
-        std::vector<const TagName*> v;
-        for (size_t i = 0; i < kTagNameCount; ++i) v.push_back(&kTagNames[i]);
-        std::sort(v.begin(), v.end(),
-                  [](const TagName* a, const TagName* b) { return a->tag < b->tag; });
-        return v;
-    }();
-    return sorted;
-}
 
 bool parseNumber(std::string_view text, uint32_t& value) {
     int base = 10;
@@ -35,21 +24,15 @@ bool parseNumber(std::string_view text, uint32_t& value) {
 }  // namespace
 
 const char* tagName(uint32_t tag) {
-    const auto& v = byTag();
-    const auto it = std::lower_bound(
-        v.begin(), v.end(), tag, [](const TagName* t, uint32_t value) { return t->tag < value; });
-    return it != v.end() && (*it)->tag == tag ? (*it)->name : nullptr;
+    const NSCam::AndroidTagInfo* info = NSCam::androidTagInfo(tag);
+    return info ? info->name : nullptr;
 }
 
 bool parseTag(std::string_view text, uint32_t& tag) {
     if (parseNumber(text, tag)) return true;
-    for (size_t i = 0; i < kTagNameCount; ++i) {
-        if (text == kTagNames[i].name) {
-            tag = kTagNames[i].tag;
-            return true;
-        }
-    }
-    return false;
+    const NSCam::AndroidTagInfo* info = NSCam::androidTagByName(std::string(text).c_str());
+    if (info) tag = info->tag;
+    return info != nullptr;
 }
 
 std::vector<uint32_t> parseTagList(const std::vector<std::string>& items) {
@@ -74,7 +57,9 @@ void appendHex32(Out& out, uint32_t value) {
     out += hexTag(value);
 }
 
-std::string typeName(int32_t code) {
+std::string typeName(int32_t code, bool android) {
+    if (android && code >= 0 && code < 256)
+        if (const char* name = NSCam::androidTypeName(static_cast<uint8_t>(code))) return name;
     if (const NSCam::TypeFacts* facts = NSCam::typeFacts(code)) return facts->shortName;
     return code == -1 ? "untyped" : "type" + std::to_string(code);
 }

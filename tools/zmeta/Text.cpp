@@ -1,4 +1,6 @@
 // The text forms of values and rows: dump, get and diff.
+#include <zorcam/metadata/AndroidPacket.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -94,26 +96,74 @@ void appendSpare(Out& out, size_t spare, const char* where) {
     out += ')';
 }
 
+// The integer value of element `i` of a byte, int32 or int64 row.
+int64_t integerAt(const Row& row, uint32_t i) {
+    const uint8_t* p = row.payload.data;
+    switch (row.type) {
+        case NSCam::TYPE_UINT8:
+            return p[i];
+        case NSCam::TYPE_INT32:
+            return i32At(p, static_cast<int>(i));
+        default: {
+            int64_t v;
+            std::memcpy(&v, p + 8 * static_cast<size_t>(i), 8);
+            return v;
+        }
+    }
+}
+
+// The values of a row of a basic type: enumerated values by name and number
+// ("ON_AUTO_FLASH (2)") where the platform defines the tag with this type; in a packet, int32
+// rectangles, sizes and points by their typedef, as the container's MRect, MSize and MPoint
+// print.
+void appendBasicValues(Out& out, const Row& row, const NSCam::TypeFacts& facts, bool android) {
+    const NSCam::AndroidTagInfo* info = NSCam::androidTagInfo(row.tag);
+    if (info && info->type != row.type) info = nullptr;  // not the platform's values
+    int32_t groupType = -1;
+    if (android && info && row.type == NSCam::TYPE_INT32) {
+        if (info->platformShape == NSCam::AndroidShape::kRect && row.count % 4 == 0)
+            groupType = NSCam::TYPE_MRect;
+        else if (info->platformShape == NSCam::AndroidShape::kSize && row.count % 2 == 0)
+            groupType = NSCam::TYPE_MSize;
+        else if (info->platformShape == NSCam::AndroidShape::kPoint && row.count % 2 == 0)
+            groupType = NSCam::TYPE_MPoint;
+    }
+    if (groupType >= 0) {
+        const size_t step = static_cast<size_t>(NSCam::kTypeFacts[groupType].size);
+        for (size_t at = 0; at < row.payload.size; at += step) {
+            out += ' ';
+            appendElement(out, groupType, row.payload.data + at, false);
+        }
+        return;
+    }
+    const bool enumerated = info && info->enumCount > 0;
+    for (uint32_t i = 0; i < row.count; ++i) {
+        out += ' ';
+        const char* name = enumerated ? NSCam::androidEnumName(*info, integerAt(row, i)) : nullptr;
+        if (name) {
+            out += name;
+            out += " (";
+        }
+        appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts.size), false);
+        if (name) out += ')';
+        out.checkpoint();
+    }
+}
+
 // What follows a row's tag and name on its dump line: "type[count] values", the line end,
 // and the dumps of its nested containers below it.
-void appendContent(Out& out, const Row& row, int indent) {
+void appendContent(Out& out, const Row& row, int indent, bool android) {
     if (!row.hasContent) {
         out += " (no content)\n";
         return;
     }
     out += ' ';
-    out += typeName(row.type);
+    out += typeName(row.type, android);
     out += '[';
     appendInt(out, row.count);
     out += ']';
-    if (const NSCam::TypeFacts* facts = NSCam::typeFacts(row.type); facts && facts->basic) {
-        for (uint32_t i = 0; i < row.count; ++i) {
-            out += ' ';
-            appendElement(out, row.type, row.payload.data + i * static_cast<size_t>(facts->size),
-                          false);
-            out.checkpoint();
-        }
-    }
+    if (const NSCam::TypeFacts* facts = NSCam::typeFacts(row.type); facts && facts->basic)
+        appendBasicValues(out, row, *facts, android);
     for (size_t i = 0; i < row.blobs.size(); ++i) {
         const Span& blob = row.blobs[i];
         out += i ? ", [" : " [";
@@ -144,11 +194,11 @@ void appendContent(Out& out, const Row& row, int indent) {
     }
 }
 
-void appendRow(Out& out, const Row& row, int indent, const char* mark = "") {
+void appendRow(Out& out, const Row& row, int indent, bool android, const char* mark = "") {
     out.pad(indent);
     out += mark;
     appendHead(out, row.tag);
-    appendContent(out, row, indent);
+    appendContent(out, row, indent, android);
 }
 
 }  // namespace
@@ -242,10 +292,40 @@ void appendElement(Out& out, int32_t type, const uint8_t* p, bool json) {
     }
 }
 
+void appendPacketHeader(Out& out, const Form& form) {
+    const PacketHeader& h = form.packet;
+    out += "android packet: ";
+    appendInt(out, h.size);
+    out += " bytes, ";
+    appendInt(out, form.rows.size());
+    out += form.rows.size() == 1 ? " entry" : " entries";
+    if (h.entryCapacity != form.rows.size()) {
+        out += " (room for ";
+        appendInt(out, h.entryCapacity);
+        out += ')';
+    }
+    out += ", data ";
+    appendInt(out, h.dataCount);
+    if (h.dataCapacity != h.dataCount) {
+        out += " of ";
+        appendInt(out, h.dataCapacity);
+    }
+    out += " bytes, flags ";
+    appendHex32(out, h.flags);
+    if (h.flags & NSCam::AndroidPacketLayout::kFlagSorted) out += " (sorted)";
+    out += ", vendor id ";
+    if (h.vendorId == NSCam::AndroidPacketLayout::kNoVendorId) {
+        out += "none";
+    } else {
+        appendBits(out, h.vendorId);
+    }
+    out += '\n';
+}
+
 void dumpForm(Out& out, const Form& form, const std::vector<uint32_t>& only, int indent) {
     for (const Row& row : form.rows) {
         if (only.empty() || std::find(only.begin(), only.end(), row.tag) != only.end()) {
-            appendRow(out, row, indent);
+            appendRow(out, row, indent, form.android);
             out.checkpoint();
         }
     }
@@ -283,7 +363,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
         const size_t n = seenInA[row.tag]++;
         const auto it = inB.find(row.tag);
         if (it == inB.end() || n >= it->second.size()) {
-            appendRow(out, row, indent, "- ");
+            appendRow(out, row, indent, a.android, "- ");
             differ = true;
             continue;
         }
@@ -303,7 +383,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
             for (const Row* side : {&row, &other}) {
                 out.pad(indent + 2);
                 out += side == &row ? '-' : '+';
-                appendContent(out, *side, indent + 2);
+                appendContent(out, *side, indent + 2, a.android);
             }
             continue;
         }
@@ -323,7 +403,7 @@ bool diffForms(Out& out, const Form& a, const Form& b, int indent) {
     std::unordered_map<uint32_t, size_t> seenInB;
     for (const Row& row : b.rows) {
         if (seenInB[row.tag]++ < seenInA[row.tag]) continue;
-        appendRow(out, row, indent, "+ ");
+        appendRow(out, row, indent, b.android, "+ ");
         differ = true;
     }
     return differ;

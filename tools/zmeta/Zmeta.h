@@ -1,11 +1,14 @@
 #pragma once
-// zmeta: reads, checks, compares and converts the flat form of a metadata container. The
-// parts of the tool share this header; main.cpp holds the command line.
+// zmeta: reads, checks, compares and converts the flat form of a metadata container and the
+// Android framework's camera metadata packets. The parts of the tool share this header;
+// main.cpp holds the command line.
 //
 // The tool reads a form's bytes itself, after checkFlatMetadata accepted them, rather than
 // through a rebuilt IMetadata: a rebuild folds a repeated tag into one row and turns a row
 // without content into an untyped entry, and `json` must say exactly what the bytes hold so
-// that `from-json` can give the same bytes back.
+// that `from-json` can give the same bytes back. A packet is read the same way, entry by
+// entry after checkAndroidPacket accepted it, into the same rows (the packet's type codes
+// are the container's for the same values).
 #include <zorcam/metadata/MetadataTypes.h>
 
 #include <cstddef>
@@ -60,18 +63,12 @@ private:
 };
 
 //------------------------------------------------------------------------------------------
-// Tags and types by name (Tags.cpp). The tables are generated at build time.
-struct TagName {
-    uint32_t tag;
-    const char* name;
-};
-extern const TagName kTagNames[];
-extern const size_t kTagNameCount;
+// Tags and types by name (Tags.cpp), from the platform's definitions in the packet bridge.
 
+// One entry of the sample request (generated at build time from sample_request.tsv).
 struct SampleRow {
-    uint32_t tag;
-    const char* type;  // a type name as typeByName reads it
-    uint32_t count;
+    const char* name;    // the tag's Android name
+    const char* values;  // separated by spaces; enumerated values by name
 };
 extern const SampleRow kSampleRequest[];
 extern const size_t kSampleRequestCount;
@@ -84,8 +81,9 @@ std::vector<uint32_t> parseTagList(const std::vector<std::string>& items);
 void appendHex32(Out& out, uint32_t value);  // "0x0008000a"
 std::string hexTag(uint32_t tag);
 
-// A type's printed name: kTypeFacts' short name, "untyped" for -1, "type12" for others.
-std::string typeName(int32_t code);
+// A type's printed name: kTypeFacts' short name, "untyped" for -1, "type12" for others; in a
+// packet, the platform's name ("byte").
+std::string typeName(int32_t code, bool android = false);
 // A short name ("rect") or a header name without its prefix ("MRect"), or "untyped".
 bool typeByName(std::string_view name, int32_t& code);
 
@@ -109,16 +107,30 @@ struct Row {
     size_t spare = 0;  // bytes of the record after its content, which receivers skip
 };
 
+// The header of an Android packet.
+struct PacketHeader {
+    uint32_t size = 0;
+    uint32_t flags = 0;
+    uint32_t entryCapacity = 0;
+    uint32_t dataCount = 0;
+    uint32_t dataCapacity = 0;
+    uint64_t vendorId = UINT64_MAX;
+};
+
 struct Form {
     std::vector<Row> rows;
     // Bytes after the storage block that receivers ignore: in the element's slot for a
-    // nested container, in the buffer for the outermost one.
+    // nested container, in the buffer for the outermost one (after a packet's size).
     size_t spare = 0;
+    bool android = false;  // a packet: rows of the platform's types, and its header
+    PacketHeader packet;
 };
 
 // Reads bytes that checkFlatMetadata accepted. Every read is still bounded: should the
 // check and this reader ever disagree, the result is a Failure, not a wild read.
 std::unique_ptr<Form> readForm(const uint8_t* data, size_t size);
+// Reads a packet that checkAndroidPacket accepted, entry by entry, repeated tags and all.
+std::unique_ptr<Form> readPacket(const uint8_t* data, size_t size);
 // The row a receiver keeps for `tag` (the last of repeated ones), or null.
 const Row* findRow(const Form& form, uint32_t tag);
 // Same entries by tag, bit for bit (a repeated tag's n-th row against the other's n-th).
@@ -140,15 +152,21 @@ void printValues(Out& out, const Row& row);
 // Entries only in a, only in b, and changed; false when there is no difference.
 bool diffForms(Out& out, const Form& a, const Form& b, int indent = 0);
 
+// The first line of a packet's dump: its size, entries, data area, flags and vendor id.
+void appendPacketHeader(Out& out, const Form& form);
+
 //------------------------------------------------------------------------------------------
-// JSON (Json.cpp).
+// JSON (Json.cpp). A flat form is an array of entries; a packet an object holding its
+// header fields and its array of entries.
 void writeJson(Out& out, const Form& form, const std::vector<uint32_t>& only);
-// The flat form of a document that writeJson wrote or a person edited; throws Failure
-// with the JSON path of what it cannot read.
+// The flat form or packet of a document that writeJson wrote or a person edited; throws
+// Failure with the JSON path of what it cannot read.
 std::vector<uint8_t> formFromJson(std::string_view text);
 
 //------------------------------------------------------------------------------------------
-// The sample capture request, flattened by the library (Sample.cpp).
+// The sample capture request (Sample.cpp): as an app sends it, in a packet sorted by tag,
+// or as a receiver holds it, in a flat form (rectangles and sizes as MRect and MSize).
+std::vector<uint8_t> samplePacket();
 std::vector<uint8_t> sampleForm();
 
 }  // namespace zmeta
