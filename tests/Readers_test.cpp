@@ -127,6 +127,32 @@ TEST_F(ReadersTest, ItemsGoInTheOrderTheyWereRetiredAcrossFullBatches) {
     for (int i = 0; i < n; ++i) ASSERT_EQ(gReleased.order[static_cast<size_t>(i)], i);
 }
 
+// A release that retires many more fills the ring while older batches still wait their turn:
+// those move aside (spill), and still go before the newer batches of the ring.
+void releaseAndRetireMany(void* p) {
+    auto* item = static_cast<Item*>(p);
+    gReleased.note(item->id);
+    delete item;
+    // Enough to fill the open batch and the one just freed, and start one more: the oldest
+    // waiting batch moves aside, the next ones stay in the ring.
+    for (int i = 0; i < 2 * static_cast<int>(NSCam::readers::kBatch) + 5; ++i) retireItem(-1);
+}
+
+TEST_F(ReadersTest, BatchesPushedAsideByAReleaseStillGoInOrder) {
+    Reader reader;
+    reader.enter();
+    const int n = 7 * static_cast<int>(NSCam::readers::kBatch);
+    retire(new Item{0}, releaseAndRetireMany);
+    for (int i = 1; i < n; ++i) retireItem(i);
+    reader.leave();
+    collectAll();
+    std::vector<int> order;
+    for (int id : gReleased.order)
+        if (id >= 0) order.push_back(id);
+    ASSERT_EQ(order.size(), static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) ASSERT_EQ(order[static_cast<size_t>(i)], i);
+}
+
 // Each release retires the next link: a chain of 10,000 goes by collecting, one level after
 // another, without a call per level (on a 256 KiB stack).
 struct Link {

@@ -251,11 +251,13 @@ struct Local {
         open = oldest;
     }
 
-    // Releases the spilled batches the readers let go of. They were sealed before any batch
-    // of the ring, oldest first, and epochs never go back: the releasable ones lead.
-    bool collectSpill(uint64_t now) {
+    // Releases the spilled batches the readers let go of that were sealed before `before`.
+    // They are in the order they were sealed, and epochs never go back: those lead.
+    bool collectSpill(uint64_t now, uint64_t before) {
         size_t ready = 0;
-        while (ready < spill.size() && spill[ready]->epoch + 2 <= now) ++ready;
+        while (ready < spill.size() && spill[ready]->epoch + 2 <= now &&
+               spill[ready]->seq < before)
+            ++ready;
         if (ready == 0) return false;
         std::vector<std::unique_ptr<Batch>> taken;
         try {
@@ -291,13 +293,20 @@ struct Local {
             tryAdvance();
             const uint64_t now = tryAdvance();
             // Oldest first: what one item needs (a block's storage) may be retired after it.
-            bool released = collectSpill(now);
+            // Releasing may spill a batch of the ring that is older than the next one here,
+            // so the spill is looked at before each batch of the ring.
+            bool released = false;
             for (;;) {
                 uint32_t next = kBatches;
                 for (uint32_t i = 0; i < kBatches; ++i)
                     if (batches[i].sealed && batches[i].epoch + 2 <= now &&
                         (next == kBatches || batches[i].seq < batches[next].seq))
                         next = i;
+                if (!spill.empty() && spill.front()->epoch + 2 <= now &&
+                    (next == kBatches || spill.front()->seq < batches[next].seq)) {
+                    released |= collectSpill(now, next == kBatches ? UINT64_MAX : batches[next].seq);
+                    continue;
+                }
                 if (next == kBatches) break;
                 Retired items[Batch::kItems];
                 const uint32_t n = takeOut(next, items);
