@@ -123,6 +123,16 @@ struct Batch {
 };
 constexpr uint32_t kBatches = 8;
 
+// A sealed batch the ring had no room for, in a block of its own sized to what it holds (a
+// release of a received container of thousands of nested ones spills hundreds of batches of
+// a few heavy items each: full-size blocks would weigh more than the items).
+struct Spilled {
+    uint64_t epoch;
+    uint64_t seq;
+    uint32_t count;
+    std::unique_ptr<Retired[]> items;
+};
+
 // Lets go of a batch's items once it was taken out of its ring (its slot is free again:
 // releasing may retire more).
 void releaseAll(const Retired* items, uint32_t count) {
@@ -149,7 +159,7 @@ struct Local {
     Batch batches[kBatches];
     uint32_t open = 0;  // the batch taking retired items
     bool collecting = false;
-    std::vector<std::unique_ptr<Batch>> spill;  // sealed batches the ring had no room for
+    std::vector<Spilled> spill;  // sealed batches the ring had no room for, oldest first
     uint64_t sealedBatches = 0;
 
     ~Local() {
@@ -168,11 +178,11 @@ struct Local {
             std::lock_guard<std::mutex> guard(o.lock);
             size_t total = 0;
             for (const Batch& b : batches) total += b.sealed ? b.count : 0;
-            for (const auto& b : spill) total += b->count;
+            for (const Spilled& b : spill) total += b.count;
             o.items.reserve(o.items.size() + total);  // the one step that may throw
             // In the order they were sealed: what one item needs may be retired after it.
-            for (const auto& b : spill)
-                for (uint32_t i = 0; i < b->count; ++i) o.items.emplace_back(b->epoch, b->items[i]);
+            for (const Spilled& b : spill)
+                for (uint32_t i = 0; i < b.count; ++i) o.items.emplace_back(b.epoch, b.items[i]);
             spill.clear();
             for (;;) {
                 Batch* next = nullptr;
@@ -187,7 +197,7 @@ struct Local {
             o.count.store(o.items.size(), std::memory_order_relaxed);
         } catch (const std::bad_alloc&) {
             synchronize();
-            for (const auto& b : spill) releaseAll(b->items, b->count);
+            for (const Spilled& b : spill) releaseAll(b.items.get(), b.count);
             for (;;) {
                 Batch* next = nullptr;
                 for (Batch& b : batches)
@@ -238,8 +248,9 @@ struct Local {
         for (uint32_t i = 0; i < kBatches; ++i)
             if (batches[i].seq < batches[oldest].seq) oldest = i;
         try {
-            spill.push_back(std::make_unique<Batch>(batches[oldest]));
-            takeOut(oldest, nullptr);
+            const Batch& b = batches[oldest];
+            spill.push_back(Spilled{b.epoch, b.seq, b.count, std::make_unique<Retired[]>(b.count)});
+            takeOut(oldest, spill.back().items.get());
         } catch (const std::bad_alloc&) {
             Retired items[Batch::kItems];
             const uint32_t n = takeOut(oldest, items);
@@ -255,11 +266,10 @@ struct Local {
     // They are in the order they were sealed, and epochs never go back: those lead.
     bool collectSpill(uint64_t now, uint64_t before) {
         size_t ready = 0;
-        while (ready < spill.size() && spill[ready]->epoch + 2 <= now &&
-               spill[ready]->seq < before)
+        while (ready < spill.size() && spill[ready].epoch + 2 <= now && spill[ready].seq < before)
             ++ready;
         if (ready == 0) return false;
-        std::vector<std::unique_ptr<Batch>> taken;
+        std::vector<Spilled> taken;
         try {
             taken.reserve(ready);
         } catch (const std::bad_alloc&) {
@@ -267,7 +277,7 @@ struct Local {
         }
         for (size_t i = 0; i < ready; ++i) taken.push_back(std::move(spill[i]));
         spill.erase(spill.begin(), spill.begin() + static_cast<std::ptrdiff_t>(ready));
-        for (const auto& b : taken) releaseAll(b->items, b->count);
+        for (const Spilled& b : taken) releaseAll(b.items.get(), b.count);
         return true;
     }
 
@@ -302,8 +312,8 @@ struct Local {
                     if (batches[i].sealed && batches[i].epoch + 2 <= now &&
                         (next == kBatches || batches[i].seq < batches[next].seq))
                         next = i;
-                if (!spill.empty() && spill.front()->epoch + 2 <= now &&
-                    (next == kBatches || spill.front()->seq < batches[next].seq)) {
+                if (!spill.empty() && spill.front().epoch + 2 <= now &&
+                    (next == kBatches || spill.front().seq < batches[next].seq)) {
                     released |= collectSpill(now, next == kBatches ? UINT64_MAX : batches[next].seq);
                     continue;
                 }

@@ -103,6 +103,15 @@ void retire(void* item, void (*release)(void*), size_t weight = 1) noexcept;
 // Releases what can be released now, on this thread (for tests and for idle moments).
 void collect();
 
+// What an object weighs in a batch beyond its allocator's Weight. A type whose objects may
+// hold much more than their own block (a storage of thousands of nested containers) says so
+// by specialising this, so that a few of them seal a batch and go soon, instead of waiting
+// for a batch of dozens to fill while they hold megabytes.
+template <typename T>
+struct ExtraWeight {
+    static size_t of(const T&) { return 0; }
+};
+
 // For std::allocate_shared of what readers without a lock may reach (contents, storages, row
 // chunks): when its last reference goes, the object is destroyed, and its pooled block given
 // back, only once no such reader can still be looking at it. Whoever drops that reference (a
@@ -128,7 +137,8 @@ struct DeferredAllocator {
     }
     template <typename U>
     void destroy(U* p) noexcept {
-        retire(p, [](void* object) { static_cast<U*>(object)->~U(); }, Weight);
+        retire(p, [](void* object) { static_cast<U*>(object)->~U(); },
+               Weight + ExtraWeight<U>::of(*p));
     }
 
     template <typename U>
