@@ -20,6 +20,7 @@
 #include "FuzzSupport.h"
 #include "ItemTable.h"
 #include "MetadataInspector.h"
+#include "Storage.h"
 
 namespace {
 
@@ -211,7 +212,7 @@ bool sameStorage(const Storage& s, const MRows& rows, bool values) {
     }
     for (uint32_t tag : kTags) {
         const int at = findRow(rows, tag);
-        const uint16_t row = s.mItemTable.getIndexByTag(tag);
+        const uint16_t row = NSCam::tableOf(s).getIndexByTag(tag);
         if (row != (at < 0 ? Storage::ItemTable::kNoRow : static_cast<uint16_t>(at))) return false;
     }
     return true;

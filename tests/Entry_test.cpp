@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <map>
+#include <set>
+#include <string>
 
 #include "MetadataInspector.h"
 #include "RecordingLogger.h"
@@ -74,6 +77,51 @@ TYPED_TEST(EntryTypedTest, EditAndReadFamilies) {
     EXPECT_TRUE(same(empty.itemAt(0, t), TypeParam()));
     EXPECT_EQ(this->log.take(), Lines(handle ? 0 : 1, failed("itemAt", "Get data error ", empty)));
     EXPECT_EQ(IMetadata::mErrorTypeTag.load(), std::min(before, 0x500Au));
+}
+
+// Where an entry reports its failures: each edit family (append one, append many, replace one,
+// replace many) and each read family (one value, many) from a line of its own, shared by every
+// member of the family, so that the line says which kind of call failed.
+TEST_F(EntryTest, EachFamilyReportsFromItsOwnLine) {
+    std::map<std::string, std::set<int>> linesOf;  // family -> source lines seen
+    auto fail = [&](const char* family, auto&& call) {
+        log.take();
+        call();
+        for (const zorcam_test::LogLine& l : log.lines()) {
+            if (l.text.find("Update error") == std::string::npos &&
+                l.text.find("Get data error") == std::string::npos)
+                continue;
+            const size_t open = l.text.find('(');
+            linesOf[family].insert(std::stoi(l.text.substr(open + 1)));
+        }
+    };
+    auto members = [&](auto value) {
+        using T = decltype(value);
+        const Type2Type<T> t;
+        const T two[2] = {value, value};
+        IEntry e(0x500B);
+        e.push_back(value, t);
+        T out[2];
+        fail("append one", [&] { e.push_back(MRational(1, 2), Type2Type<MRational>()); });
+        fail("append many", [&] { e.push_back(two, 0x80000000u, t); });
+        fail("replace one", [&] { e.replaceItemAt(5, value, t); });
+        fail("replace many", [&] { e.replaceItemAt(5, two, 2, t); });
+        fail("read one", [&] { e.itemAt(5, t); });
+        fail("read many", [&] { e.itemAt(5, out, 2, t); });
+    };
+    members(int32_t(7));
+    members(MRect(1, 2, 3, 4));
+    members(4.5);
+    IEntry ints(0x500C);
+    ints.push_back(1, kInt);
+    fail("append one", [&] { ints.push_back(2.5, Type2Type<float>()); });  // a converting member
+    std::set<int> all;
+    for (const char* family :
+         {"append one", "append many", "replace one", "replace many", "read one", "read many"}) {
+        EXPECT_EQ(linesOf[family].size(), 1u) << family;
+        all.insert(linesOf[family].begin(), linesOf[family].end());
+    }
+    EXPECT_EQ(all.size(), 6u);
 }
 
 template <typename U, typename T>

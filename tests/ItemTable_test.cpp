@@ -11,6 +11,7 @@
 
 #include "AllocationProbe.h"
 #include "MetadataInspector.h"
+#include "Storage.h"
 
 namespace {
 
@@ -124,7 +125,7 @@ TEST(ItemTableTest, CopiesOfCopiesKeepTheirRowsWhicheverGoesFirst) {
             out.emplace_back(t.tagAt(r), c->mType, first);
         }
         NSCam::IMetadata::Storage s;
-        s.mItemTable = t;
+        NSCam::tableOf(s) = t;
         std::vector<uint8_t> bytes(static_cast<size_t>(s.flattenSize(nullptr, -1)));
         EXPECT_EQ(s.flatten(bytes.data(), bytes.size(), nullptr, -1), long(bytes.size()));
         out.emplace_back(static_cast<uint32_t>(bytes.size()), 0, 0);

@@ -119,7 +119,7 @@ TEST_F(MetadataCheckTest, HugeClaimsAndDeepNestsAreRefusedWithoutAllocatingForTh
         {one(TYPE_UINT8, 0xFFFFFFFFu, {1}), "negative element count@24"},
         {one(TYPE_UINT8, 0x7FFFFFFFu, {1}), "payload exceeds record@24"},
         {one(TYPE_MRect, 0x10000001u, {0, 0, 0, 0}), "payload exceeds record@24"},  // wraps
-        {one(TYPE_UINT8, 5, {1}), "payload exceeds record@24"},  // by one byte
+        {one(TYPE_UINT8, 5, {1}), "payload exceeds record@24"},                     // by one byte
         {one(TYPE_Memory, 0x7FFFFFFFu, {0, 0}), "element count exceeds record@24"},
         {one(TYPE_IMetadata, 0x40000000u, {0}), "element count exceeds record@24"},
         {one(TYPE_Memory, 1, {0xFFFFFFFCu, 0}), "element length exceeds record@28"},

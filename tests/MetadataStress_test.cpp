@@ -14,6 +14,7 @@
 
 #include "ItemTable.h"
 #include "RecordingLogger.h"
+#include "Storage.h"
 
 namespace {
 
@@ -85,7 +86,7 @@ TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
             if (op == 5) a.update(e), e = entries[rng() % 2];  // entries assigned both ways too
             if (op == 6) e.replaceItemAt(1, std::vector<int>{k, k + 1}.data(), 2, Type2Type<int>());
             if (op == 7)
-                a.burstWrite([&](Storage& s) { s.mItemTable.update(tag, fresh.getContentSP()); });
+                a.burstWrite([&](Storage& s) { NSCam::tableOf(s).update(tag, fresh.getContentSP()); });
             if (op == 8) {  // rebuilt from its flat form, many times over, and all dropped at once
                 const std::vector<uint8_t> bytes = flat(b);
                 std::vector<IMetadata> rebuilt;

@@ -6,6 +6,7 @@
 #include "Content.h"
 #include "RecordingLogger.h"
 #include "Values.h"
+#include "Storage.h"
 
 namespace {
 
@@ -23,8 +24,8 @@ std::vector<uint8_t> flat(const IMetadata& m) {
     return b;
 }
 auto rowContent(const Storage& s, uint32_t tag) {
-    const uint16_t row = s.mItemTable.getIndexByTag(tag);
-    return row == Storage::ItemTable::kNoRow ? nullptr : s.mItemTable.contentSPAt(row);
+    const uint16_t row = NSCam::tableOf(s).getIndexByTag(tag);
+    return row == Storage::ItemTable::kNoRow ? nullptr : NSCam::tableOf(s).contentSPAt(row);
 }
 
 template <typename T>

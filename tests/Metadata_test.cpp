@@ -17,6 +17,7 @@
 #include "Content.h"
 #include "MetadataInspector.h"
 #include "RecordingLogger.h"
+#include "Storage.h"
 
 namespace {
 
@@ -100,7 +101,7 @@ TEST_F(MetadataTest, MismatchedOrMissingTagsAndNewRowsBeyondTheLimitAreReported)
     }
     EXPECT_FALSE(In::content(untagged)->isReadOnly());  // a refused entry is not shared
     for (const auto s = In::storage(m); s->size() < Storage::ItemTable::kMaxRows;)
-        s->mItemTable.update(0xFFF00000u | static_cast<uint32_t>(s->size()), nullptr);
+        NSCam::tableOf(*s).update(0xFFF00000u | static_cast<uint32_t>(s->size()), nullptr);
     EXPECT_EQ(m.update(IMetadata::IEntry(0x00020000)), -1);
     m += with({{0x00030000, 3}});
     EXPECT_EQ(m.update(IMetadata::IEntry(0x1234)), 0);  // a replacement is no new row

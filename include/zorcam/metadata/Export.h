@@ -7,3 +7,6 @@
 //
 // Consumers see the same attribute, which is harmless on a declaration they import.
 #define ZORCAM_EXPORT __attribute__((visibility("default")))
+// ZORCAM_LOCAL keeps a declaration inside the library although its class is exported: the
+// library's own operations on its exported classes, whose names a caller never needs.
+#define ZORCAM_LOCAL __attribute__((visibility("hidden")))

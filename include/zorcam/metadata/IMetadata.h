@@ -5,8 +5,13 @@
 //
 // Thread safety: IMetadata and IEntry are thread-safe (each guards itself with its own
 // mutex). Memory handles are thread-compatible (one handle, one thread; handles that share
-// bytes may live on different threads). Storage and ItemTable are not thread-safe: they are
-// used under the lock of the container that holds them, or only read once shared.
+// bytes may live on different threads). Storage is not thread-safe: it is used under the lock
+// of the container that holds it (burst callbacks), or only read once shared.
+//
+// What this header lays out is the interface: IMetadata, IEntry and Memory are held by value
+// in every component, so their members stay where they are. Content, Storage's table and the
+// storage's insides live on the heap and are defined inside the library, where they may change
+// without changing this header (a storage keeps only its size and alignment here).
 #include <zorcam/metadata/Export.h>
 #include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataTypes.h>
@@ -22,11 +27,14 @@
 namespace NSCam {
 
 struct MetadataInspector;  // test access to internals; defined by the tests only
-struct RowView;            // what one row of a table holds (private to the library)
-struct RowValue;           // a value to file in a row (private to the library)
+struct StorageState;       // a storage's insides; defined inside the library
 
 class ZORCAM_EXPORT IMetadata {
 public:
+    // The library's own operations on containers and entries: defined inside it, of no use
+    // to a caller (an incomplete type here), and not exported.
+    struct ZORCAM_LOCAL Core;
+
     class Memory;
     class IEntry;
     class Content;  // the values of one entry; defined inside the library
@@ -132,23 +140,7 @@ public:
 
     private:
         friend struct ::NSCam::MetadataInspector;
-        friend class IMetadata;
-        // The tag and the values in one look under the lock, as a container files them, the
-        // values marked shared: basic values of up to `room` bytes copied to `buffer`, any
-        // other content shared. An entry without a tag gives no values unless `untagged`.
-        RowValue toFile(uint32_t& tag, bool untagged, uint8_t* buffer, size_t room) const;
-        // Under mLock, before every edit: a missing content is created, a read-only one
-        // replaced by a private copy. Returns the replaced content, to be held until the
-        // edit is done.
-        std::shared_ptr<Content> _ContentMakeWritable();
-        bool _ContentUpdate(int32_t index, const void* data, size_t count, int32_t type);
-        void noteFailure() const;  // lowers mErrorTypeTag to this entry's tag
-        // The bodies the typed families forward to, with the type code of their values.
-        void writeElements(const char* operation, int32_t index, const void* data, size_t count,
-                           int32_t type);
-        bool readElements(uint32_t index, void* out, size_t count, int32_t type) const;
-        template <typename T>
-        bool readHandles(uint32_t index, T* out, size_t count) const;
+        friend struct IMetadata::Core;
 
         // Read without the lock by tag() while an assignment may write it: atomic, so that
         // the race is defined.
@@ -162,125 +154,16 @@ public:
     // container's copy-on-write, and the flat block form.
     class Storage {
     public:
-        struct Item {
-            uint32_t tag;
-            std::shared_ptr<Content> content;  // may be empty
-        };
-
-        // Rows in insertion order (a removal moves the last row into the hole), found in
-        // constant time: through a fixed slot map of the known tags (a small side index for
-        // the others), or, in a table of a few rows, by looking at them. Basic values live
-        // beside their rows in the flat form's record layout; copies share rows until one side
-        // changes them. Not thread-safe: used under the lock of the container that holds it
-        // (readers without the lock use readValue(), see below).
-        class ItemTable {
-        public:
-            static constexpr uint32_t kSlotCount = 1610;
-            static constexpr uint16_t kNoRow = 0xFFFF;
-            // Row numbers are 16-bit and the flat form counts records in 15 bits.
-            static constexpr size_t kMaxRows = static_cast<size_t>(flat::kMaxRecords);
-            // Tables of up to this many rows need no index.
-            static constexpr size_t kScanRows = 16;
-
-            struct Chunk;
-            struct Directory;
-            struct Index;
-            struct Side;
-            struct BufferQueue;
-            static BufferQueue sBufferQueue;
-
-            ItemTable();
-            ~ItemTable();
-            ItemTable(const ItemTable&) = delete;
-            // Shares the other's rows and index; each side copies what it changes later.
-            ItemTable& operator=(const ItemTable& other);
-
-            void clear();
-            bool remove(uint32_t tag);
-            uint16_t getIndexByTag(uint32_t tag) const;
-            // Inserts or replaces; false only when a new row would exceed kMaxRows. An
-            // allocation failure leaves the table as it was. Basic values of a content marked
-            // shared are copied into the row; any other content is kept by the row.
-            bool update(uint32_t tag, const std::shared_ptr<Content>& content);
-            bool update(uint32_t tag, std::shared_ptr<Content>&& content);
-            bool update(const Item& item);
-
-            size_t size() const { return mSize.load(std::memory_order_relaxed); }
-            // Row `row` (below size()): its tag, its content (made from the row's values the
-            // first time one is asked for, and the row's until the row changes) read in place,
-            // or shared.
-            uint32_t tagAt(size_t row) const;
-            Content* contentAt(size_t row) const;
-            std::shared_ptr<Content> contentSPAt(size_t row) const;
-
-            // The library's own paths (defined with the table's insides): the row of a tag
-            // (kNoRow), a row's tag and what it holds, every row in order as fn(RowView).
-            inline uint16_t rowOf(uint32_t tag) const;
-            inline uint32_t rowTag(size_t row) const;
-            inline RowView rowAt(size_t row) const;
-            template <typename Fn>
-            void forEachRow(Fn&& fn) const;
-            // Inserts or replaces the row of `tag` (see update); a value of the same type and
-            // count as the row's is written in place.
-            bool put(uint32_t tag, RowValue&& value);
-            // Rows of `other` laid over this table's, as a merge does: false for a tag that
-            // would exceed kMaxRows (reported by `refused(tag)`; the others still merge).
-            template <typename Refused>
-            void merge(const ItemTable& other, Refused&& refused);
-            // Bytes of the records of every row when no row is held by a content (the block's
-            // size less its header), else kHeldByContents.
-            static constexpr size_t kHeldByContents = SIZE_MAX;
-            size_t recordBytes() const;
-            // Those records, back to back at `out`, when they fit `room`: false (nothing
-            // written) when a row is held by a content or they do not fit.
-            bool copyRecords(uint8_t* out, size_t room, size_t& written) const;
-            // fn(content) for each row held by a content, in row order, until fn answers
-            // other than its type's default; that answer.
-            template <typename Fn>
-            auto forEachObject(Fn&& fn) const -> decltype(fn(nullptr));
-
-            // For a reader without the container's lock, inside a readers::Section and a
-            // check of the container's sequence count: element `index` of `tag`, `size` bytes
-            // of basic type `type`, copied to `out`. kAbsent: no such tag or element (or a row
-            // without values); kUnsure: take the lock (also for what the locked path must
-            // report). Reads only what writers replace or write under the count.
-            enum class Found { kValue, kAbsent, kUnsure };
-            inline Found readValue(uint32_t tag, int32_t type, size_t index, void* out,
-                                   size_t size) const;
-            // From now on readers without a lock may be following this table: what it drops
-            // is retired (readers::retire), not released at once.
-            void publish() { mPublished.store(true, std::memory_order_relaxed); }
-            bool published() const { return mPublished.load(std::memory_order_relaxed); }
-
-            // Decoding into an empty table, from the records of a storage block at
-            // buf[begin, size): the rows, or false when a record needs the sequential decoder
-            // (one that is refused, or that it must report on). `end` receives where the
-            // block ended.
-            bool decode(const uint8_t* buf, size_t size, size_t begin, size_t records,
-                        size_t& end);
-
-            struct Impl;  // the table's insides, in ItemTable.cpp
-
-        private:
-            friend struct ::NSCam::MetadataInspector;
-            bool mergeRow(const ItemTable& other, size_t row);
-
-            std::atomic<Directory*> mDirectory;  // null until the first row
-            std::atomic<uint32_t> mSize;
-            // Set by every container that holds the table (copies of one container on other
-            // threads too): atomic.
-            std::atomic<bool> mPublished;
-        };
-
-        static constexpr uint32_t kHeadMarker = 0x12345678;
-        static constexpr uint32_t kTailMarker = 0x87654321;
+        // The table of rows (tag -> values) and one row of it, defined inside the library.
+        class ItemTable;
+        struct Item;
 
         Storage();
         ~Storage();
         Storage(const Storage&) = delete;
         Storage& operator=(const Storage&) = delete;
 
-        size_t size() const { return mItemTable.size(); }
+        size_t size() const;
         bool getTagByIndex(size_t index, uint32_t& tag) const;
         bool getContentSPByIndex(size_t index, std::shared_ptr<Content>& content,
                                  uint32_t& tag) const;
@@ -310,19 +193,14 @@ public:
         static std::atomic<int64_t> mStatNum;
         static std::atomic<int64_t> mStatSize;
 
-        uint32_t mHeadMarker;
-        ItemTable mItemTable;
-        // Set once the storage may be visible outside its container; never cleared.
-        std::atomic<uint32_t> mShared;
-        // Made by the library, whose storages are destroyed only once no reader without the
-        // lock can be in them: only such a storage is read without the container's lock. One
-        // a caller made (and may destroy at once) is read under the lock.
-        bool mReleasedLate;
-        // While a burst callback on this storage waits to store another container: a copy of
-        // the storage as it is, for a burst of that container waiting in turn (see
-        // IMetadata::storageToStore). Read and written with std::atomic_load/atomic_store.
-        std::shared_ptr<Storage> mOffer;
-        uint32_t mTailMarker;
+    private:
+        friend struct ::NSCam::StorageState;
+        // The storage's insides (its table, its shared flag, its markers), built in place by
+        // the constructor. Only the size and alignment are part of the interface: callers may
+        // make storages themselves (std::make_shared), so they must know how large one is.
+        // Room is left for the insides to grow without changing it.
+        static constexpr size_t kStateBytes = 96;
+        alignas(16) unsigned char mState[kStateBytes];
     };
 
     //------------------------------------------------------------------------------------
@@ -397,32 +275,6 @@ public:
 
 private:
     friend struct ::NSCam::MetadataInspector;
-    // Under mLock: a storage that may be shared is replaced by a private clone first.
-    void makeWritableLocked() const;
-    // Under mLock: the storage, marked shared, for whoever asked for it.
-    std::shared_ptr<Storage> shareLocked() const;
-    // The storage to store as a value into another container (getStorageSP's, marked shared),
-    // without waiting for this container's lock from inside another's burst callback.
-    std::shared_ptr<Storage> storageToStore() const;
-    // Under mLock, in a burst callback waiting to store another container: a copy of the
-    // storage offered to that container's burst, and taken back.
-    void offerLocked() const;
-    void withdrawOfferLocked() const;
-    // Under mLock, as a write: `storage` becomes this container's; the old one is released
-    // once no reader without the lock can still be in it.
-    void installLocked(std::shared_ptr<Storage> storage) const;
-    // Files `value` under `tag` under the lock: the one store behind both public updates and
-    // setEntry (an overload, so that its log lines name "update" as callers grep for).
-    int update(uint32_t tag, RowValue&& value);
-    // Reads element `index` of `tag`, of basic type `type` and `size` bytes, without the lock:
-    // 1 stored in `out`, 0 absent (or fewer elements), -1 when the locked path must answer
-    // (a writer was busy, or the read would fail and report).
-    int readWithoutLock(uint32_t tag, int32_t type, size_t index, void* out, size_t size) const;
-    void assignValidNumber();
-    uint32_t validNum() const { return mValidNum.load(std::memory_order_relaxed); }
-    // Ends the process when this container was destroyed, naming `operation`.
-    void checkValid(const char* operation) const;
-    uint32_t lockedRowCount() const;
 
     uint32_t mHeadMarker;
     // Read before locking (entryFor, operator=) while a destructor may clear it: atomic, so

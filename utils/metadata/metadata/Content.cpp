@@ -12,7 +12,7 @@
 #include "Diagnostics.h"
 #include "FlatBytes.h"
 #include "Nested.h"
-#include "Pool.h"
+#include "Readers.h"
 
 namespace NSCam {
 
@@ -40,10 +40,8 @@ struct DepthGuard {
 struct ReleaseLoop {
     int depth = 0;  // releases under way on this thread, one inside the other
     std::vector<std::shared_ptr<void>> pending;
-    ~ReleaseLoop() { gone = true; }
-    static thread_local bool gone;
+    ~ReleaseLoop() { readers::markThreadExiting(); }
 };
-thread_local bool ReleaseLoop::gone = false;
 
 // Levels released by plain recursion before the rest is queued: a container with many
 // nested containers side by side goes without a queue as long as its own, and a chain of
@@ -55,7 +53,7 @@ constexpr int kInlineLevels = 16;
 void nested::release(std::shared_ptr<void>&& nested) {
     if (!nested) return;
     // A thread that is exiting may release containers after its loop is gone: plainly.
-    if (ReleaseLoop::gone) {
+    if (readers::threadExiting()) {
         nested.reset();
         return;
     }
@@ -300,7 +298,7 @@ bool Content::updateStorages(bool append, size_t start, const void* data, size_t
     }
     const IMetadata* src = static_cast<const IMetadata*>(data);
     for (size_t i = 0; i < size; ++i) {
-        std::shared_ptr<Storage> replaced = src[i].storageToStore();
+        std::shared_ptr<Storage> replaced = nested::storageToStore(src[i]);
         (*storages())[start + i].swap(replaced);
         nested::release(std::move(replaced));
     }
@@ -429,7 +427,8 @@ size_t Content::flattenSize() const {
     return nested::recordSize(*this);
 }
 
-size_t Content::flattenSize(size_t (*block)(const void*, const Storage&), const void* context) const {
+size_t Content::flattenSize(size_t (*block)(const void*, const Storage&),
+                            const void* context) const {
     if (mCount == 0) return kHeaderSize;
     size_t total = kHeaderSize;
     if (mType == TYPE_IMetadata) {
@@ -452,20 +451,12 @@ size_t Content::flattenSize(size_t (*block)(const void*, const Storage&), const 
 long Content::flatten(void* buf, size_t capacity) const {
     const flat::EncodeScope scope;
     if (scope.outermost) {
-        switch (nested::brokenLimit(nullptr, this, nullptr, 0)) {
-            case nested::Limit::kNone:
-            case nested::Limit::kRecords:
-                break;
-            case nested::Limit::kDepth:
-                META_LOGE(
-                    "containers nested deeper than %d levels: a receiver would refuse the "
-                    "form",
-                    flat::kMaxNestingDepth);
-                return -1;
-            case nested::Limit::kContainers:
-                META_LOGE("more than %zu nested containers: a receiver would refuse the form",
-                          flat::kMaxNestedContainers);
-                return -1;
+        // A lone record holds no table, so it cannot have too many records.
+        const nested::Limit broken = nested::brokenLimit(nullptr, this, nullptr, 0);
+        if (broken != nested::Limit::kNone && broken != nested::Limit::kRecords) {
+            char text[128];
+            META_LOGE("%s", nested::describe(broken, text, sizeof(text)));
+            return -1;
         }
     }
     flat::Writer w(buf, capacity);

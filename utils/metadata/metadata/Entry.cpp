@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "Container.h"
 #include "Content.h"
 #include "Diagnostics.h"
 
@@ -92,7 +93,7 @@ void IEntry::clear() {
 int32_t IEntry::removeAt(uint32_t index) {
     std::lock_guard<std::mutex> guard(mLock);
     if (!mContentPtr) return -1;
-    _ContentMakeWritable();
+    Core::_ContentMakeWritable(*this);
     return mContentPtr->remove(static_cast<int>(index)) ? 0 : -1;
 }
 
@@ -112,11 +113,12 @@ std::shared_ptr<Content> IEntry::getContentSP() const {
     return mContentPtr;
 }
 
-RowValue IEntry::toFile(uint32_t& tag, bool untagged, uint8_t* buffer, size_t room) const {
-    std::lock_guard<std::mutex> guard(mLock);
-    tag = mTag.load(std::memory_order_relaxed);
-    if ((!untagged && tag == 0xFFFFFFFFu) || !mContentPtr) return RowValue::none();
-    Content& c = *mContentPtr;
+RowValue IMetadata::Core::toFile(const IEntry& e, uint32_t& tag, bool untagged, uint8_t* buffer,
+                                 size_t room) {
+    std::lock_guard<std::mutex> guard(e.mLock);
+    tag = e.mTag.load(std::memory_order_relaxed);
+    if ((!untagged && tag == 0xFFFFFFFFu) || !e.mContentPtr) return RowValue::none();
+    Content& c = *e.mContentPtr;
     c.markReadOnly();
     size_t bytes = 0;
     if (c.plainValues(bytes) && bytes <= room) {
@@ -124,12 +126,13 @@ RowValue IEntry::toFile(uint32_t& tag, bool untagged, uint8_t* buffer, size_t ro
         if (bytes != 0) std::memcpy(buffer, c.elements(), bytes);
         return RowValue::values(c.mType, c.mCount, buffer, bytes);
     }
-    return RowValue::of(std::shared_ptr<Content>(mContentPtr));
+    return RowValue::of(std::shared_ptr<Content>(e.mContentPtr));
 }
 
-std::shared_ptr<Content> IEntry::_ContentMakeWritable() {
+std::shared_ptr<Content> IMetadata::Core::_ContentMakeWritable(IEntry& e) {
     // Sharing is decided by the read-only mark alone, never by the owner count: a content
     // once handed out is copied even when this entry has become its only owner.
+    std::shared_ptr<Content>& mContentPtr = e.mContentPtr;
     if (!mContentPtr) {
         mContentPtr = Content::make();
         return nullptr;
@@ -143,13 +146,14 @@ std::shared_ptr<Content> IEntry::_ContentMakeWritable() {
     return previous;
 }
 
-bool IEntry::_ContentUpdate(int32_t index, const void* data, size_t count, int32_t type) {
-    if (!mContentPtr) META_FATAL_FLUSH("ContentSP is nullptr");
-    return mContentPtr->update(index, data, count, type);
+bool IMetadata::Core::_ContentUpdate(IEntry& e, int32_t index, const void* data, size_t count,
+                                     int32_t type) {
+    if (!e.mContentPtr) META_FATAL_FLUSH("ContentSP is nullptr");
+    return e.mContentPtr->update(index, data, count, type);
 }
 
-void IEntry::noteFailure() const {
-    IMetadata::lowerErrorTypeTag(tag());
+void IMetadata::Core::noteFailure(const IEntry& e) {
+    IMetadata::lowerErrorTypeTag(e.tag());
 }
 
 //----------------------------------------------------------------------------------------
@@ -168,47 +172,45 @@ std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& 
 }  // namespace
 
 // The one body of every typed edit: `count` elements of `type` at `data`, appended
-// (index -1) or written over the elements from `index`. A failure is reported under the name
-// of the typed member, `operation`.
-void IEntry::writeElements(const char* operation, int32_t index, const void* data, size_t count,
-                           int32_t type) {
-    std::lock_guard<std::mutex> guard(mLock);
-    const std::shared_ptr<Content> previous = _ContentMakeWritable();
-    if (!_ContentUpdate(index, data, count, type)) {
-        META_LOGE_AS(operation, "Update error, tag %x, mContentPtr %p", tag(),
-                     static_cast<void*>(mContentPtr.get()));
-        noteFailure();
-    }
+// (index -1) or written over the elements from `index`. Each family reports a failure from a
+// line of its own, shared by all its members.
+bool IMetadata::Core::writeElements(IEntry& e, int32_t index, const void* data, size_t count,
+                                    int32_t type, const void*& content) {
+    std::lock_guard<std::mutex> guard(e.mLock);
+    const std::shared_ptr<Content> previous = _ContentMakeWritable(e);
+    if (_ContentUpdate(e, index, data, count, type)) return true;
+    content = e.mContentPtr.get();
+    return false;
 }
 
 // The one body of the typed reads of basic values: `count` elements of `type` from `index`
 // into `out`. True when all of them were there.
-bool IEntry::readElements(uint32_t index, void* out, size_t count, int32_t type) const {
-    std::lock_guard<std::mutex> guard(mLock);
-    bool ok = false;
-    if (mContentPtr) {
-        const Content& c = *mContentPtr;
+bool IMetadata::Core::readElements(const IEntry& e, uint32_t index, void* out, size_t count,
+                                   int32_t type, const void*& content) {
+    std::lock_guard<std::mutex> guard(e.mLock);
+    if (e.mContentPtr) {
+        const Content& c = *e.mContentPtr;
         const void* p = c.getBasicData(static_cast<int>(index), type);
         // index + count <= mCount, written so that a huge count cannot wrap the sum around.
         const uint64_t total = static_cast<uint64_t>(c.mCount);
-        ok = p != nullptr && index <= total && count <= total - index;
-        if (ok) std::memcpy(out, p, count * static_cast<size_t>(kTypeFacts[type].size));
+        if (p != nullptr && index <= total && count <= total - index) {
+            std::memcpy(out, p, count * static_cast<size_t>(kTypeFacts[type].size));
+            return true;
+        }
     }
-    if (ok) return true;
-    META_LOGE_AS("itemAt", "Get data error , tag %x, mContentPtr %p", tag(),
-                 static_cast<void*>(mContentPtr.get()));
-    noteFailure();
+    content = e.mContentPtr.get();
     return false;
 }
 
 // The handles (blobs and nested containers) are handed out as proper copies that share the
 // stored data, so the caller's array owns what it holds and may be destroyed normally.
 template <typename T>
-bool IEntry::readHandles(uint32_t index, T* out, size_t count) const {
-    std::lock_guard<std::mutex> guard(mLock);
+bool IMetadata::Core::readHandles(const IEntry& e, uint32_t index, T* out, size_t count,
+                                  const void*& content) {
+    std::lock_guard<std::mutex> guard(e.mLock);
     bool ok = false;
-    if (mContentPtr) {
-        const Content& c = *mContentPtr;
+    if (e.mContentPtr) {
+        const Content& c = *e.mContentPtr;
         const uint64_t total = static_cast<uint64_t>(c.mCount);
         ok = c.mType == TypeCode<T>::value && static_cast<int>(index) >= 0 && index < total &&
              count <= total - index;
@@ -222,36 +224,52 @@ bool IEntry::readHandles(uint32_t index, T* out, size_t count) const {
             }
         }
     }
-    if (ok) return true;
-    META_LOGE_AS("itemAt", "Get data error , tag %x, mContentPtr %p", tag(),
-                 static_cast<void*>(mContentPtr.get()));
-    noteFailure();
-    return false;
+    if (!ok) content = e.mContentPtr.get();
+    return ok;
 }
+
+// The families. Each reports its failure from its own line: which kind of edit or read failed
+// is in the log even where the function name is shared (push_back of one and of many).
 
 template <typename T, typename U>
 void IEntry::push_back(const T& item, Type2Type<U>) {
     const U& value = storedValue<U>(item);
-    writeElements("push_back", -1, &value, 1, TypeCode<U>::value);
+    const void* content = nullptr;
+    if (Core::writeElements(*this, -1, &value, 1, TypeCode<U>::value, content)) return;
+    META_LOGE("Update error, tag %x, mContentPtr %p", tag(), content);
+    Core::noteFailure(*this);
 }
 
 template <typename T, typename U>
 void IEntry::push_back(const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
-    writeElements("push_back", -1, array, count, TypeCode<U>::value);
+    const void* content = nullptr;
+    if (Core::writeElements(*this, -1, array, count, TypeCode<U>::value, content)) return;
+    META_LOGE("Update error, tag %x, mContentPtr %p", tag(), content);
+    Core::noteFailure(*this);
 }
 
 // The unsigned index reaches the content as a signed one: 0xFFFFFFFF appends.
 template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T& item, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "values are stored as they are");
-    writeElements("replaceItemAt", static_cast<int32_t>(index), &item, 1, TypeCode<U>::value);
+    const void* content = nullptr;
+    if (Core::writeElements(*this, static_cast<int32_t>(index), &item, 1, TypeCode<U>::value,
+                            content))
+        return;
+    META_LOGE("Update error, tag %x, mContentPtr %p", tag(), content);
+    Core::noteFailure(*this);
 }
 
 template <typename T, typename U>
 void IEntry::replaceItemAt(uint32_t index, const T* array, size_t count, Type2Type<U>) {
     static_assert(std::is_same<T, U>::value, "arrays are stored as they are");
-    writeElements("replaceItemAt", static_cast<int32_t>(index), array, count, TypeCode<U>::value);
+    const void* content = nullptr;
+    if (Core::writeElements(*this, static_cast<int32_t>(index), array, count, TypeCode<U>::value,
+                            content))
+        return;
+    META_LOGE("Update error, tag %x, mContentPtr %p", tag(), content);
+    Core::noteFailure(*this);
 }
 
 template <typename T>
@@ -268,16 +286,26 @@ T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
         return storage ? IMetadata(storage) : IMetadata();
     } else {
         T value = T();
-        return readElements(index, &value, 1, TypeCode<T>::value) ? value : T();
+        const void* content = nullptr;
+        if (Core::readElements(*this, index, &value, 1, TypeCode<T>::value, content)) return value;
+        META_LOGE("Get data error , tag %x, mContentPtr %p", tag(), content);
+        Core::noteFailure(*this);
+        return T();
     }
 }
 
 template <typename T>
 int32_t IEntry::itemAt(uint32_t index, T* array, size_t count, Type2Type<T>) const {
+    const void* content = nullptr;
+    bool ok;
     if constexpr (kTypeFacts[TypeCode<T>::value].basic)
-        return readElements(index, array, count, TypeCode<T>::value) ? 1 : 0;
+        ok = Core::readElements(*this, index, array, count, TypeCode<T>::value, content);
     else
-        return readHandles(index, array, count) ? 1 : 0;
+        ok = Core::readHandles(*this, index, array, count, content);
+    if (ok) return 1;
+    META_LOGE("Get data error , tag %x, mContentPtr %p", tag(), content);
+    Core::noteFailure(*this);
+    return 0;
 }
 
 template <typename T>

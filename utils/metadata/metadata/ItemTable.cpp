@@ -7,7 +7,6 @@
 #include <new>
 
 #include "FlatWalk.h"
-#include "Pool.h"
 #include "Readers.h"
 #include "Sync.h"
 
@@ -117,11 +116,7 @@ struct ChunkGuard {
 
 Chunk* Chunk::make(size_t capacity) {
     const size_t bytes = roundUp16(sizeof(Chunk) + capacity);
-    auto* c = new (pool::take(bytes)) Chunk();
-    c->capacity = static_cast<uint32_t>(bytes - sizeof(Chunk));
-    std::memset(c->slot, 0xFF, sizeof(c->slot));
-    std::memset(c->offset, 0xFF, sizeof(c->offset));
-    return c;
+    return readers::emplace<Chunk>(pool::take(bytes), static_cast<uint32_t>(bytes - sizeof(Chunk)));
 }
 
 void Chunk::destroy(Chunk* c) noexcept {
@@ -134,8 +129,7 @@ void Chunk::destroy(Chunk* c) noexcept {
 
 Directory* Directory::make(uint32_t capacity) {
     void* memory = pool::take(sizeof(Directory) + capacity * sizeof(std::atomic<uintptr_t>));
-    auto* d = new (memory) Directory();
-    d->capacity = capacity;
+    auto* d = readers::emplace<Directory>(memory, capacity);
     for (uint32_t i = 0; i < capacity; ++i) new (&d->entries()[i]) std::atomic<uintptr_t>(0);
     return d;
 }
@@ -166,10 +160,7 @@ Index* Index::make(uint32_t capacity) {
     } else {
         memory = pool::take(bytesFor(capacity));
     }
-    auto* ix = new (memory) Index();
-    ix->capacity = static_cast<uint16_t>(capacity);
-    std::memset(ix->page, 0, sizeof(ix->page));
-    return ix;
+    return readers::emplace<Index>(memory, static_cast<uint16_t>(capacity));
 }
 
 void Index::release(Index* ix) noexcept {
@@ -184,9 +175,7 @@ void Index::release(Index* ix) noexcept {
 
 Side* Side::make(uint32_t capacity) {
     void* memory = pool::take(sizeof(Side) + capacity * sizeof(Entry));
-    auto* side = new (memory) Side();
-    side->capacity = capacity;
-    return side;
+    return readers::emplace<Side>(memory, capacity);
 }
 
 void Side::release(Side* side) noexcept {

@@ -37,6 +37,7 @@
 
 #include "Content.h"
 #include "FlatBytes.h"
+#include "Readers.h"
 #include "SlotMap.h"
 #include "Sync.h"
 
@@ -80,6 +81,119 @@ inline bool holdsValues(const uint8_t* r) {
 }
 
 }  // namespace record
+
+// One row as the table's own interface names it: a tag and its content (may be empty).
+struct IMetadata::Storage::Item {
+    uint32_t tag;
+    std::shared_ptr<Content> content;
+};
+
+struct RowView;
+struct RowValue;
+
+// Rows in insertion order (a removal moves the last row into the hole), found in constant
+// time: through the slot map of the known tags (a small side index for the others), or, in a
+// table of a few rows, by looking at them. Basic values live beside their rows in the flat
+// form's record layout; copies share rows until one side changes them. Not thread-safe: used
+// under the lock of the container that holds it (readers without the lock use readValue()).
+//
+// Exported are the operations a table has always offered and the pool of index blocks;
+// the library's own paths are ZORCAM_LOCAL.
+class IMetadata::Storage::ItemTable {
+public:
+    static constexpr uint32_t kSlotCount = slotmap::kSlotCount;
+    static constexpr uint16_t kNoRow = 0xFFFF;
+    // Row numbers are 16-bit and the flat form counts records in 15 bits.
+    static constexpr size_t kMaxRows = static_cast<size_t>(flat::kMaxRecords);
+    // Tables of up to this many rows need no index.
+    static constexpr size_t kScanRows = 16;
+
+    struct ZORCAM_LOCAL Chunk;
+    struct ZORCAM_LOCAL Directory;
+    struct ZORCAM_LOCAL Index;
+    struct ZORCAM_LOCAL Side;
+    struct ZORCAM_LOCAL BufferQueue;
+    static BufferQueue sBufferQueue;
+
+    ItemTable();
+    ~ItemTable();
+    ItemTable(const ItemTable&) = delete;
+    // Shares the other's rows and index; each side copies what it changes later.
+    ItemTable& operator=(const ItemTable& other);
+
+    void clear();
+    bool remove(uint32_t tag);
+    uint16_t getIndexByTag(uint32_t tag) const;
+    // Inserts or replaces; false only when a new row would exceed kMaxRows. An allocation
+    // failure leaves the table as it was. Basic values of a content marked shared are copied
+    // into the row; any other content is kept by the row.
+    bool update(uint32_t tag, const std::shared_ptr<Content>& content);
+    bool update(uint32_t tag, std::shared_ptr<Content>&& content);
+    bool update(const Item& item);
+
+    size_t size() const { return mSize.load(std::memory_order_relaxed); }
+    // Row `row` (below size()): its tag, its content (made from the row's values the first time
+    // one is asked for, and the row's until the row changes) read in place, or shared.
+    uint32_t tagAt(size_t row) const;
+    Content* contentAt(size_t row) const;
+    std::shared_ptr<Content> contentSPAt(size_t row) const;
+
+    // The library's own paths: the row of a tag (kNoRow), a row's tag and what it holds, every
+    // row in order as fn(RowView).
+    inline uint16_t rowOf(uint32_t tag) const;
+    inline uint32_t rowTag(size_t row) const;
+    inline RowView rowAt(size_t row) const;
+    template <typename Fn>
+    void forEachRow(Fn&& fn) const;
+    // Inserts or replaces the row of `tag` (see update); a value of the same type and count as
+    // the row's is written in place.
+    ZORCAM_LOCAL bool put(uint32_t tag, RowValue&& value);
+    // Rows of `other` laid over this table's, as a merge does: false for a tag that would
+    // exceed kMaxRows (reported by `refused(tag)`; the others still merge).
+    template <typename Refused>
+    void merge(const ItemTable& other, Refused&& refused);
+    // Bytes of the records of every row when no row is held by a content (the block's size
+    // less its header), else kHeldByContents.
+    static constexpr size_t kHeldByContents = SIZE_MAX;
+    ZORCAM_LOCAL size_t recordBytes() const;
+    // Those records, back to back at `out`, when they fit `room`: false (nothing written) when
+    // a row is held by a content or they do not fit.
+    ZORCAM_LOCAL bool copyRecords(uint8_t* out, size_t room, size_t& written) const;
+    // fn(content) for each row held by a content, in row order, until fn answers other than
+    // its type's default; that answer.
+    template <typename Fn>
+    auto forEachObject(Fn&& fn) const -> decltype(fn(nullptr));
+
+    // For a reader without the container's lock, inside a readers::Section and a check of the
+    // container's sequence count: element `index` of `tag`, `size` bytes of basic type `type`,
+    // copied to `out`. kAbsent: no such tag or element (or a row without values); kUnsure:
+    // take the lock (also for what the locked path must report). Reads only what writers
+    // replace or write under the count.
+    enum class Found { kValue, kAbsent, kUnsure };
+    inline Found readValue(uint32_t tag, int32_t type, size_t index, void* out, size_t size) const;
+    // From now on readers without a lock may be following this table: what it drops is
+    // retired (readers::retire), not released at once.
+    void publish() { mPublished.store(true, std::memory_order_relaxed); }
+    bool published() const { return mPublished.load(std::memory_order_relaxed); }
+
+    // Decoding into an empty table, from the records of a storage block at buf[begin, size):
+    // the rows, or false when a record needs the sequential decoder (one that is refused, or
+    // that it must report on). `end` receives where the block ended.
+    ZORCAM_LOCAL bool decode(const uint8_t* buf, size_t size, size_t begin, size_t records,
+                             size_t& end);
+
+    struct ZORCAM_LOCAL Impl;  // the table's insides, in ItemTable.cpp
+
+private:
+    friend struct ::NSCam::MetadataInspector;
+    ZORCAM_LOCAL bool mergeRow(const ItemTable& other, size_t row);
+
+    std::atomic<Directory*> mDirectory;  // null until the first row
+    std::atomic<uint32_t> mSize;
+    // Set by every container that holds the table (copies of one container on other threads
+    // too): atomic.
+    std::atomic<bool> mPublished;
+};
 
 // What one row holds, as its readers see it: its tag and record, and for an object row the
 // content (which the row keeps alive until it changes).
@@ -129,7 +243,14 @@ struct IMetadata::Storage::ItemTable::Chunk {
     uint8_t* recordOf(uint32_t r) { return records() + offset[r]; }
     bool isObject(uint32_t r) const { return (objects >> r) & 1u; }
 
-    // A chunk with room for `capacity` bytes of records.
+    // Readers without the lock may reach a chunk: only readers::emplace makes one.
+    Chunk(readers::Made, uint32_t capacity) : capacity(capacity) {
+        std::memset(slot, 0xFF, sizeof(slot));
+        std::memset(offset, 0xFF, sizeof(offset));
+    }
+    Chunk(const Chunk&) = delete;
+    Chunk& operator=(const Chunk&) = delete;
+    // A chunk with room for at least `capacity` bytes of records.
     static Chunk* make(size_t capacity);
     static void destroy(Chunk* c) noexcept;
 };
@@ -151,7 +272,9 @@ struct alignas(16) IMetadata::Storage::ItemTable::Directory {
     std::atomic<uintptr_t> index{0};  // Index*
     std::atomic<uintptr_t> side{0};   // Side*
 
-    std::atomic<uintptr_t>* entries() { return reinterpret_cast<std::atomic<uintptr_t>*>(this + 1); }
+    std::atomic<uintptr_t>* entries() {
+        return reinterpret_cast<std::atomic<uintptr_t>*>(this + 1);
+    }
     const std::atomic<uintptr_t>* entries() const {
         return reinterpret_cast<const std::atomic<uintptr_t>*>(this + 1);
     }
@@ -159,6 +282,10 @@ struct alignas(16) IMetadata::Storage::ItemTable::Directory {
         return reinterpret_cast<Chunk*>(entries()[i].load(order) & ~kBorrowed);
     }
 
+    // Readers without the lock may reach a directory: only readers::emplace makes one.
+    Directory(readers::Made, uint32_t capacity) : capacity(capacity) {}
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
     static Directory* make(uint32_t capacity);
     static void release(Directory* d) noexcept;
 };
@@ -173,9 +300,9 @@ struct alignas(16) IMetadata::Storage::ItemTable::Index {
     static constexpr uint32_t kSmallPages = 14;
 
     std::atomic<int32_t> refs{1};
-    uint16_t used = 0;       // pages in use
-    uint16_t capacity;       // pages it has room for
-    uint8_t page[kPages];    // page number + 1 of each run of slots, 0 for none; atomic builtins
+    uint16_t used = 0;     // pages in use
+    uint16_t capacity;     // pages it has room for
+    uint8_t page[kPages];  // page number + 1 of each run of slots, 0 for none; atomic builtins
 
     uint16_t* pages() { return reinterpret_cast<uint16_t*>(this + 1); }
     const uint16_t* pages() const { return reinterpret_cast<const uint16_t*>(this + 1); }
@@ -188,14 +315,19 @@ struct alignas(16) IMetadata::Storage::ItemTable::Index {
     }
     void setRowAt(uint32_t slot, uint16_t row) {  // the slot's page exists
         const uint32_t p = page[slot / kPageSlots];
-        __atomic_store_n(&pages()[(p - 1) * kPageSlots + slot % kPageSlots], row,
-                         __ATOMIC_RELAXED);
+        __atomic_store_n(&pages()[(p - 1) * kPageSlots + slot % kPageSlots], row, __ATOMIC_RELAXED);
     }
     bool hasPage(uint32_t slot) const { return page[slot / kPageSlots] != 0; }
     static size_t bytesFor(uint32_t pages) {
         return sizeof(Index) + size_t{pages} * kPageSlots * sizeof(uint16_t);
     }
 
+    // Readers without the lock may reach an index: only readers::emplace makes one.
+    Index(readers::Made, uint16_t capacity) : capacity(capacity) {
+        std::memset(page, 0, sizeof(page));
+    }
+    Index(const Index&) = delete;
+    Index& operator=(const Index&) = delete;
     static Index* make(uint32_t capacity);
     static void release(Index* index) noexcept;
 };
@@ -243,6 +375,10 @@ struct alignas(8) IMetadata::Storage::ItemTable::Side {
         return i < n && tagAt(i) == tag ? rowAt(i) : kNoRow;
     }
 
+    // Readers without the lock may reach a side index: only readers::emplace makes one.
+    Side(readers::Made, uint32_t capacity) : capacity(capacity) {}
+    Side(const Side&) = delete;
+    Side& operator=(const Side&) = delete;
     // An empty index with room for `capacity` entries, and one reference.
     static Side* make(uint32_t capacity);
     static void release(Side* side) noexcept;
@@ -326,8 +462,9 @@ inline RowView IMetadata::Storage::ItemTable::rowAt(size_t row) const {
     const uint8_t* rec = c->recordOf(r);
     const Content* object = nullptr;
     if (c->isObject(r))
-        object = c->holders.load(std::memory_order_relaxed)->held[r].content.load(
-            std::memory_order_relaxed);
+        object = c->holders.load(std::memory_order_relaxed)
+                     ->held[r]
+                     .content.load(std::memory_order_relaxed);
     return RowView{record::tagOf(rec), rec, object};
 }
 

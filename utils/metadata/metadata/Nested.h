@@ -40,6 +40,13 @@ enum class Limit { kNone, kRecords, kDepth, kContainers };
 // Walks the nesting with a stack of its own, so a chain of any depth costs no call depth.
 Limit brokenLimit(const IMetadata::Storage* s, const IMetadata::Content* c, const uint32_t* tags,
                   long count);
+// What a form that breaks `limit` breaks, in words, into out[0, room): the one text of every
+// site that refuses such a form. Returns `out`.
+const char* describe(Limit limit, char* out, size_t room);
+
+// The storage of a container, marked shared, to store as a nested value: taken without waiting
+// for the container's lock from inside another container's burst callback (MetadataV2.cpp).
+std::shared_ptr<IMetadata::Storage> storageToStore(const IMetadata& m);
 
 }  // namespace nested
 }  // namespace NSCam

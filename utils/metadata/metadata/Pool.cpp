@@ -1,4 +1,4 @@
-#include "Pool.h"
+#include "Readers.h"
 
 #include <cstdint>
 
@@ -27,14 +27,13 @@ struct Cache {
     void* head[kClasses];
     uint32_t count[kClasses];
     bool owned;  // the freeing object exists
-    bool gone;   // the thread is exiting: blocks go straight to the heap
 };
 thread_local Cache tCache;
 
 struct CacheOwner {
     ~CacheOwner() {
         Cache& c = tCache;
-        c.gone = true;
+        readers::markThreadExiting();  // blocks go straight to the heap from now on
         for (void* block : c.head) {
             while (block != nullptr) {
                 void* next = *static_cast<void**>(block);
@@ -49,7 +48,7 @@ struct CacheOwner {
 Cache* cache(size_t bytes) {
     if (!kPooling || bytes == 0 || bytes > kMaxPooled) return nullptr;
     Cache& c = tCache;
-    if (c.gone) return nullptr;
+    if (readers::threadExiting()) return nullptr;
     if (!c.owned) {
         thread_local CacheOwner owner;
         c.owned = true;

@@ -163,7 +163,7 @@ struct Local {
     uint64_t sealedBatches = 0;
 
     ~Local() {
-        tThread.gone = true;
+        markThreadExiting();
         tThread.record = nullptr;
         tThread.local = nullptr;
         if (record != nullptr) {
@@ -314,7 +314,8 @@ struct Local {
                         next = i;
                 if (!spill.empty() && spill.front().epoch + 2 <= now &&
                     (next == kBatches || spill.front().seq < batches[next].seq)) {
-                    released |= collectSpill(now, next == kBatches ? UINT64_MAX : batches[next].seq);
+                    released |=
+                        collectSpill(now, next == kBatches ? UINT64_MAX : batches[next].seq);
                     continue;
                 }
                 if (next == kBatches) break;
