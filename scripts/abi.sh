@@ -4,7 +4,8 @@
 #
 #   scripts/abi.sh          check (CI): each library's exported symbols must equal
 #                           abi/<library>.symbols, and abidiff must find no change against
-#                           abi/<library>.abi.xml
+#                           abi/<library>.abi.xml, except in the layout of the types the
+#                           public headers leave incomplete (abi/opaque.suppr)
 #   scripts/abi.sh update   after an intended change: rebuild the libraries and rewrite the
 #                           files; commit them with the change that caused it
 #
@@ -53,7 +54,7 @@ check_library() {
     # held by value in every component) sets bit 4 alone and breaks consumers just the same, so
     # any change fails until abi/ is refreshed on purpose.
     set +e
-    report=$(abidiff --no-show-locs "$baseline" "$lib" 2>&1)
+    report=$(abidiff --no-show-locs --suppressions abi/opaque.suppr "$baseline" "$lib" 2>&1)
     rc=$?
     set -e
     if [ "$rc" -ne 0 ]; then

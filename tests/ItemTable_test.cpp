@@ -20,7 +20,7 @@ using Table = NSCam::IMetadata::Storage::ItemTable;
 using Content = NSCam::IMetadata::Content;
 using ContentSP = std::shared_ptr<Content>;
 using Rows = std::vector<std::pair<uint32_t, const Content*>>;
-const auto fresh = [] { return Content::make(); };
+const auto fresh = [] { return std::make_shared<Content>(); };
 
 // The rows in order; every row is found under its own tag and the index holds no more.
 Rows rowsOf(const Table& t) {
@@ -107,7 +107,7 @@ TEST(ItemTableTest, AFailedAllocationLeavesTheTableAsItWas) {
 TEST(ItemTableTest, CopiesOfCopiesKeepTheirRowsWhicheverGoesFirst) {
     using Row = std::tuple<uint32_t, int32_t, int>;  // tag, type, first value
     auto value = [](int v, bool wide) {
-        ContentSP c = Content::make();
+        ContentSP c = std::make_shared<Content>();
         const int64_t w = v;
         wide ? c->update(-1, &w, 1, NSCam::TYPE_INT64) : c->update(-1, &v, 1, NSCam::TYPE_INT32);
         c->markReadOnly();  // as a container files it: its values go into the row

@@ -18,6 +18,8 @@
 
 namespace NSCam {
 
+// Exported are the operations a content has always offered (and its statistics); the library's
+// own paths are ZORCAM_LOCAL.
 class IMetadata::Content {
 public:
     // Content record: pattern, type, count, then the payload.
@@ -46,15 +48,15 @@ public:
 
     // A fresh content, and a writable copy of one, each in one pooled block with its
     // reference counts: no heap allocation in the steady state.
-    static std::shared_ptr<Content> make();
-    static std::shared_ptr<Content> copyOf(Content& other);
+    ZORCAM_LOCAL static std::shared_ptr<Content> make();
+    ZORCAM_LOCAL static std::shared_ptr<Content> copyOf(Content& other);
     // The values of a table's row, as a content marked shared: `count` elements of `type`,
     // `bytes` bytes at `payload`.
-    static std::shared_ptr<Content> ofValues(int32_t type, int32_t count, const uint8_t* payload,
-                                             size_t bytes);
+    ZORCAM_LOCAL static std::shared_ptr<Content> ofValues(int32_t type, int32_t count,
+                                                          const uint8_t* payload, size_t bytes);
     // A content record that the walk of the flat form has checked (FlatWalk.h), as the
     // decoder of a block reads it: it decodes without a report.
-    static std::shared_ptr<Content> decoded(const void* buf, size_t size);
+    ZORCAM_LOCAL static std::shared_ptr<Content> decoded(const void* buf, size_t size);
 
     bool clear();
     int32_t _typeSize() const;
@@ -78,21 +80,21 @@ public:
     // Bytes the record takes (nested::kNoSize when a container in it contains itself).
     size_t flattenSize() const;
     // The same, with the block of each nested storage sized by `block(context, storage)`.
-    size_t flattenSize(size_t (*block)(const void* context, const Storage& storage),
-                       const void* context) const;
+    ZORCAM_LOCAL size_t flattenSize(size_t (*block)(const void* context, const Storage& storage),
+                                    const void* context) const;
     long flatten(void* buf, size_t capacity) const;
     // The record at the writer's position, as part of a larger block.
-    long flatten(flat::Writer& w) const;
+    ZORCAM_LOCAL long flatten(flat::Writer& w) const;
     // The record of `count` basic elements of `type` (`bytes` bytes at `payload`) at the
     // writer's position: what flatten() writes for such a content, with its report when it
     // does not fit.
-    static long flattenValues(flat::Writer& w, int32_t type, int32_t count,
-                              const uint8_t* payload, size_t bytes);
+    ZORCAM_LOCAL static long flattenValues(flat::Writer& w, int32_t type, int32_t count,
+                                           const uint8_t* payload, size_t bytes);
     long unflatten(const void* buf, size_t size);
 
     // True when the content is basic values (or none) that a table row may hold as a record
     // of the flat form: `bytes` receives the size of the values.
-    bool plainValues(size_t& bytes) const;
+    ZORCAM_LOCAL bool plainValues(size_t& bytes) const;
 
     bool isReadOnly() const { return mReadOnly.load(std::memory_order_relaxed) != 0; }
     void markReadOnly() { mReadOnly.store(1, std::memory_order_relaxed); }
@@ -132,20 +134,20 @@ public:
     alignas(8) uint8_t mInlineData[kInlineSize];
 
 private:
-    void construct(const void* buf, size_t size, int& err);
-    void releaseArrays();
-    bool updateStorages(bool append, size_t start, const void* data, size_t size);
-    bool updateBlobs(bool append, size_t start, const void* data, size_t size);
-    bool updateBytes(bool append, size_t start, const void* data, size_t size);
+    ZORCAM_LOCAL void construct(const void* buf, size_t size, int& err);
+    ZORCAM_LOCAL void releaseArrays();
+    ZORCAM_LOCAL bool updateStorages(bool append, size_t start, const void* data, size_t size);
+    ZORCAM_LOCAL bool updateBlobs(bool append, size_t start, const void* data, size_t size);
+    ZORCAM_LOCAL bool updateBytes(bool append, size_t start, const void* data, size_t size);
     // Room for `bytes` in the byte array, keeping its first `keep` bytes.
-    void reserveBytes(size_t bytes, size_t keep);
-    long unflattenPayload(flat::Reader& r);
+    ZORCAM_LOCAL void reserveBytes(size_t bytes, size_t keep);
+    ZORCAM_LOCAL long unflattenPayload(flat::Reader& r);
     // The payload of each kind of record, after its header.
-    long unflattenBlobs(flat::Reader& r, size_t count);
-    long unflattenStorages(flat::Reader& r, size_t count);
-    long unflattenBasic(flat::Reader& r, size_t count);
-    bool refuseElement(int index, int type, const char* operation) const;
-    static long finishRecord(const flat::Writer& w);
+    ZORCAM_LOCAL long unflattenBlobs(flat::Reader& r, size_t count);
+    ZORCAM_LOCAL long unflattenStorages(flat::Reader& r, size_t count);
+    ZORCAM_LOCAL long unflattenBasic(flat::Reader& r, size_t count);
+    ZORCAM_LOCAL bool refuseElement(int index, int type, const char* operation) const;
+    ZORCAM_LOCAL static long finishRecord(const flat::Writer& w);
 };
 
 // A value to file in a row: basic values (or none), laid out as a record, or a content object.
