@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs the whole suite in the default, ASan+UBSan and TSan builds; checks the
+# Builds and runs the whole suite in the default, ASan+UBSan, TSan and clang builds (the last
+# with the locks checked by the compiler); checks the
 # packaging (exported symbols and ABI against abi/, the installed tree used from outside
 # with find_package and pkg-config, Android.bp against the CMake targets); cross-builds for
 # arm64 and runs the suite under qemu; then a short fuzz run of each fuzz target from its
@@ -22,6 +23,7 @@ scripts/check_install.sh
 scripts/check_android_bp.sh
 run_preset asan
 run_preset tsan
+run_preset clang  # clang, with the locks checked: -Wthread-safety -Werror
 scripts/arm64.sh
 FUZZ_SECONDS=${FUZZ_SECONDS:-30} scripts/fuzz_smoke.sh
 echo "=== all suites passed in $(( $(date +%s) - start )) s"

@@ -17,9 +17,13 @@ struct MetadataInspector {
     using Table = IMetadata::Storage::ItemTable;
 
     // A container's storage, without marking it shared.
-    static std::shared_ptr<IMetadata::Storage> storage(const IMetadata& m) { return m.mStorage; }
+    static std::shared_ptr<IMetadata::Storage> storage(const IMetadata& m) {
+        const MutexLock guard(m.mLock);
+        return m.mStorage;
+    }
     // An entry's content, without marking it read-only.
     static std::shared_ptr<IMetadata::Content> content(const IMetadata::IEntry& e) {
+        const MutexLock guard(e.mLock);
         return e.mContentPtr;
     }
     // A table's slot index (null while its few rows are looked at instead).

@@ -15,6 +15,7 @@
 #include <zorcam/metadata/Export.h>
 #include <zorcam/metadata/FlatForm.h>
 #include <zorcam/metadata/MetadataTypes.h>
+#include <zorcam/metadata/ThreadSafety.h>
 
 #include <atomic>
 #include <cstddef>
@@ -145,8 +146,8 @@ public:
         // Read without the lock by tag() while an assignment may write it: atomic, so that
         // the race is defined.
         std::atomic<uint32_t> mTag;
-        std::shared_ptr<Content> mContentPtr;
-        mutable std::mutex mLock;
+        std::shared_ptr<Content> mContentPtr ZORCAM_GUARDED_BY(mLock);
+        mutable Mutex mLock;
     };
 
     //------------------------------------------------------------------------------------
@@ -281,13 +282,13 @@ private:
     // that the race a use after destruction makes is defined.
     std::atomic<uint32_t> mValidNum;
     uint32_t mValidNumBackup;
-    mutable std::shared_ptr<Storage> mStorage;
+    mutable std::shared_ptr<Storage> mStorage ZORCAM_GUARDED_BY(mLock);
     // What readers without the lock follow: the storage, and a count that is odd while a
     // writer changes the container and moves on with each change.
     mutable std::atomic<Storage*> mStorageRaw;
     mutable std::atomic<uint32_t> mSequence;
     uint32_t mLockMarker;
-    mutable std::mutex mLock;
+    mutable Mutex mLock;
     uint32_t mTailMarker;
 };
 
@@ -316,8 +317,8 @@ public:
     uint32_t count() const { return mCount.load(std::memory_order_relaxed); }
 
 private:
-    std::vector<BufferSP> mList;  // newest last
-    std::mutex mLock;
+    std::vector<BufferSP> mList ZORCAM_GUARDED_BY(mLock);  // newest last
+    Mutex mLock;
     // Mirrors mList.size() so that the capacity tests and statistics read it without the
     // lock and without a data race.
     std::atomic<uint32_t> mCount{0};

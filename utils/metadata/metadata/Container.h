@@ -40,19 +40,20 @@ struct IMetadata::Core {
                                                                            uint32_t backup);
 
     // Under mLock: a storage that may be shared is replaced by a private clone first.
-    static void makeWritableLocked(const IMetadata& m);
+    static void makeWritableLocked(const IMetadata& m) ZORCAM_REQUIRES(m.mLock);
     // Under mLock: the storage, marked shared, for whoever asked for it.
-    static std::shared_ptr<Storage> shareLocked(const IMetadata& m);
+    static std::shared_ptr<Storage> shareLocked(const IMetadata& m) ZORCAM_REQUIRES(m.mLock);
     // The storage to store as a value into another container (getStorageSP's, marked shared),
     // without waiting for this container's lock from inside another's burst callback.
     static std::shared_ptr<Storage> storageToStore(const IMetadata& m);
     // Under mLock, in a burst callback waiting to store another container: a copy of the
     // storage offered to that container's burst, and taken back.
-    static void offerLocked(const IMetadata& m);
-    static void withdrawOfferLocked(const IMetadata& m);
+    static void offerLocked(const IMetadata& m) ZORCAM_REQUIRES(m.mLock);
+    static void withdrawOfferLocked(const IMetadata& m) ZORCAM_REQUIRES(m.mLock);
     // Under mLock, as a write: `storage` becomes the container's; the old one is released once
     // no reader without the lock can still be in it.
-    static void installLocked(const IMetadata& m, std::shared_ptr<Storage> storage);
+    static void installLocked(const IMetadata& m, std::shared_ptr<Storage> storage)
+        ZORCAM_REQUIRES(m.mLock);
     // Files `value` under `tag` under the lock: the one store behind both public updates and
     // setEntry, logging under the name "update" as callers grep for.
     static int update(IMetadata& m, uint32_t tag, RowValue&& value);
@@ -80,9 +81,9 @@ struct IMetadata::Core {
     // Under the entry's lock, before every edit: a missing content is created, a read-only one
     // replaced by a private copy. Returns the replaced content, to be held until the edit is
     // done.
-    static std::shared_ptr<Content> _ContentMakeWritable(IEntry& e);
+    static std::shared_ptr<Content> _ContentMakeWritable(IEntry& e) ZORCAM_REQUIRES(e.mLock);
     static bool _ContentUpdate(IEntry& e, int32_t index, const void* data, size_t count,
-                               int32_t type);
+                               int32_t type) ZORCAM_REQUIRES(e.mLock);
     static void noteFailure(const IEntry& e);  // lowers mErrorTypeTag to the entry's tag
     // The bodies the typed families forward to, with the type code of their values: true on
     // success; on failure `content` is the entry's content as the failure left it, for the

@@ -79,7 +79,7 @@ void IMetadata::dump(int layer, bool force) const {
     if (!diag::debugOn(LOG_MODULE)) return;
     META_LOGD("layer %d", layer);
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        const MutexLock guard(mLock);
         if (!mStorage) {
             META_LOGD("IMetadata::dump mStorage == nullptr");
             return;

@@ -32,7 +32,7 @@ IEntry::IEntry(uint32_t tag, std::shared_ptr<Content> content) : mTag(tag) {
 
 IEntry::IEntry(const IEntry& other) {
     // The new entry is not visible to anybody yet: only the source needs its lock.
-    std::lock_guard<std::mutex> guard(other.mLock);
+    const MutexLock guard(other.mLock);
     if (other.mContentPtr) other.mContentPtr->markReadOnly();
     mTag.store(other.mTag.load(std::memory_order_relaxed), std::memory_order_relaxed);
     mContentPtr = other.mContentPtr;
@@ -67,22 +67,22 @@ uint32_t IEntry::tag() const {
 }
 
 int32_t IEntry::type() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     return mContentPtr ? mContentPtr->mType : -1;
 }
 
 uint32_t IEntry::count() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     return mContentPtr ? static_cast<uint32_t>(mContentPtr->mCount) : 0;
 }
 
 bool IEntry::isEmpty() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     return !mContentPtr || mContentPtr->mCount == 0;
 }
 
 void IEntry::clear() {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (!mContentPtr) return;
     if (mContentPtr->isReadOnly())
         mContentPtr.reset();  // other holders keep their values
@@ -91,14 +91,14 @@ void IEntry::clear() {
 }
 
 int32_t IEntry::removeAt(uint32_t index) {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (!mContentPtr) return -1;
     Core::_ContentMakeWritable(*this);
     return mContentPtr->remove(static_cast<int>(index)) ? 0 : -1;
 }
 
 const void* IEntry::data() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (!mContentPtr) return nullptr;
     // A raw pointer leaves the handle: later edits through any entry must copy.
     mContentPtr->markReadOnly();
@@ -108,14 +108,14 @@ const void* IEntry::data() const {
 }
 
 std::shared_ptr<Content> IEntry::getContentSP() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (mContentPtr) mContentPtr->markReadOnly();
     return mContentPtr;
 }
 
 RowValue IMetadata::Core::toFile(const IEntry& e, uint32_t& tag, bool untagged, uint8_t* buffer,
                                  size_t room) {
-    std::lock_guard<std::mutex> guard(e.mLock);
+    const MutexLock guard(e.mLock);
     tag = e.mTag.load(std::memory_order_relaxed);
     if ((!untagged && tag == 0xFFFFFFFFu) || !e.mContentPtr) return RowValue::none();
     Content& c = *e.mContentPtr;
@@ -176,7 +176,7 @@ std::conditional_t<std::is_same<T, U>::value, const U&, U> storedValue(const T& 
 // line of its own, shared by all its members.
 bool IMetadata::Core::writeElements(IEntry& e, int32_t index, const void* data, size_t count,
                                     int32_t type, const void*& content) {
-    std::lock_guard<std::mutex> guard(e.mLock);
+    const MutexLock guard(e.mLock);
     const std::shared_ptr<Content> previous = _ContentMakeWritable(e);
     if (_ContentUpdate(e, index, data, count, type)) return true;
     content = e.mContentPtr.get();
@@ -187,7 +187,7 @@ bool IMetadata::Core::writeElements(IEntry& e, int32_t index, const void* data, 
 // into `out`. True when all of them were there.
 bool IMetadata::Core::readElements(const IEntry& e, uint32_t index, void* out, size_t count,
                                    int32_t type, const void*& content) {
-    std::lock_guard<std::mutex> guard(e.mLock);
+    const MutexLock guard(e.mLock);
     if (e.mContentPtr) {
         const Content& c = *e.mContentPtr;
         const void* p = c.getBasicData(static_cast<int>(index), type);
@@ -207,7 +207,7 @@ bool IMetadata::Core::readElements(const IEntry& e, uint32_t index, void* out, s
 template <typename T>
 bool IMetadata::Core::readHandles(const IEntry& e, uint32_t index, T* out, size_t count,
                                   const void*& content) {
-    std::lock_guard<std::mutex> guard(e.mLock);
+    const MutexLock guard(e.mLock);
     bool ok = false;
     if (e.mContentPtr) {
         const Content& c = *e.mContentPtr;
@@ -277,11 +277,11 @@ T IEntry::itemAt(uint32_t index, Type2Type<T>) const {
     const int at = static_cast<int>(index);
     // The two handle types answer an empty handle on failure, silently.
     if constexpr (std::is_same<T, Memory>::value) {
-        std::lock_guard<std::mutex> guard(mLock);
+        const MutexLock guard(mLock);
         auto bytes = mContentPtr ? mContentPtr->getMemory(at, TYPE_Memory) : nullptr;
         return bytes ? Memory(bytes) : Memory();
     } else if constexpr (std::is_same<T, IMetadata>::value) {
-        std::lock_guard<std::mutex> guard(mLock);
+        const MutexLock guard(mLock);
         auto storage = mContentPtr ? mContentPtr->getMetadata(at, TYPE_IMetadata) : nullptr;
         return storage ? IMetadata(storage) : IMetadata();
     } else {
@@ -312,7 +312,7 @@ template <typename T>
 int32_t IEntry::indexOf(IEntry& entry, const T& item) {
     uint32_t count;
     {
-        std::lock_guard<std::mutex> guard(entry.mLock);
+        const MutexLock guard(entry.mLock);
         if (!entry.mContentPtr) return -1;
         count = static_cast<uint32_t>(entry.mContentPtr->mCount);
     }

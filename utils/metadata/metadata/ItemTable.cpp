@@ -190,47 +190,52 @@ void Side::release(Side* side) noexcept {
 
 ItemTable::BufferQueue ItemTable::sBufferQueue;
 
-ItemTable::BufferQueue::~BufferQueue() {
-    for (auto& half : mBlocks)
-        for (void* block : half) ::operator delete(block);
+// At exit: no thread uses the pool any more.
+ItemTable::BufferQueue::~BufferQueue() ZORCAM_NO_THREAD_SAFETY_ANALYSIS {
+    for (Half& half : mHalves)
+        for (void* block : half.blocks) ::operator delete(block);
 }
 
-int ItemTable::BufferQueue::lock(int preferred) {
-    int half = preferred;
-    while (mLocks[half].exchange(1, std::memory_order_acquire) != 0) half ^= 1;
-    return half;
-}
-
-void ItemTable::BufferQueue::unlock(int half) {
-    mLocks[half].store(0, std::memory_order_seq_cst);
+// Which half it returns is chosen at run time: the analysis is told by assertHeld() in the
+// callers that the half they got is locked.
+ItemTable::BufferQueue::Half& ItemTable::BufferQueue::lockHalf(int preferred)
+    ZORCAM_NO_THREAD_SAFETY_ANALYSIS {
+    Half& first = mHalves[preferred];
+    if (first.lock.try_lock()) return first;
+    Half& second = mHalves[preferred ^ 1];
+    if (second.lock.try_lock()) return second;
+    first.lock.lock();
+    return first;
 }
 
 void* ItemTable::BufferQueue::take() {
     void* block = nullptr;
     // Take from the longer half (a tie goes to half 1).
-    const int half = lock(pooled(0) > pooled(1) ? 0 : 1);
-    if (!mBlocks[half].empty()) {
-        block = mBlocks[half].back();
-        mBlocks[half].pop_back();
-        mCount[half].fetch_sub(1, std::memory_order_relaxed);
+    Half& half = lockHalf(pooled(0) > pooled(1) ? 0 : 1);
+    half.lock.assertHeld();
+    if (!half.blocks.empty()) {
+        block = half.blocks.back();
+        half.blocks.pop_back();
+        half.count.fetch_sub(1, std::memory_order_relaxed);
     }
-    unlock(half);
+    half.lock.unlock();
     return block != nullptr ? block : ::operator new(Index::bytesFor(Index::kPages));
 }
 
 void ItemTable::BufferQueue::give(void* block) noexcept {
     // Give back to the shorter half (a tie goes to half 0).
-    const int half = lock(pooled(0) > pooled(1) ? 1 : 0);
-    if (mBlocks[half].size() < kMaxPerHalf) {
+    Half& half = lockHalf(pooled(0) > pooled(1) ? 1 : 0);
+    half.lock.assertHeld();
+    if (half.blocks.size() < kMaxPerHalf) {
         try {
-            mBlocks[half].push_back(block);
-            mCount[half].fetch_add(1, std::memory_order_relaxed);
-            unlock(half);
+            half.blocks.push_back(block);
+            half.count.fetch_add(1, std::memory_order_relaxed);
+            half.lock.unlock();
             return;
         } catch (const std::bad_alloc&) {
         }
     }
-    unlock(half);
+    half.lock.unlock();
     ::operator delete(block);
 }
 

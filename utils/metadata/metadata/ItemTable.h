@@ -389,6 +389,13 @@ struct alignas(8) IMetadata::Storage::ItemTable::Side {
 struct IMetadata::Storage::ItemTable::BufferQueue {
     static constexpr size_t kMaxPerHalf = 80;
 
+    struct Half {
+        SpinLock lock;
+        std::vector<void*> blocks ZORCAM_GUARDED_BY(lock);
+        // Mirrors blocks.size() for the unlocked choice of a half.
+        std::atomic<uint32_t> count{0};
+    };
+
     BufferQueue() = default;
     ~BufferQueue();
     BufferQueue(const BufferQueue&) = delete;
@@ -399,15 +406,12 @@ struct IMetadata::Storage::ItemTable::BufferQueue {
     // Keeps a block for the next table, or frees it when the pool is full.
     void give(void* block) noexcept;
 
-    // Locks `preferred`, or the other half when it is busy, alternating until one is free.
-    int lock(int preferred);
-    void unlock(int half);
-    uint32_t pooled(int half) const { return mCount[half].load(std::memory_order_relaxed); }
+    // The preferred half, locked, or the other when the preferred one is busy; when both are,
+    // the preferred one once it is free (see backOff).
+    Half& lockHalf(int preferred);
+    uint32_t pooled(int half) const { return mHalves[half].count.load(std::memory_order_relaxed); }
 
-    std::vector<void*> mBlocks[2];
-    std::atomic<uint8_t> mLocks[2] = {{0}, {0}};
-    // Mirrors the list sizes for the unlocked choice of a half.
-    std::atomic<uint32_t> mCount[2] = {{0}, {0}};
+    Half mHalves[2];
 };
 
 //------------------------------------------------------------------------------------------

@@ -53,14 +53,14 @@ void Memory::MemorySlot::push(BufferSP&& buffer) {
     // Tested before locking, on purpose: two racing threads may leave one spare too many,
     // which costs nothing but a list growing past its reserve.
     if (count() >= kMaxBuffers) return;
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     mList.push_back(std::move(buffer));
     mCount.store(static_cast<uint32_t>(mList.size()), std::memory_order_relaxed);
 }
 
 BufferSP Memory::MemorySlot::pop() {
     BufferSP buffer;
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (!mList.empty()) {
         buffer = std::move(mList.back());
         mList.pop_back();

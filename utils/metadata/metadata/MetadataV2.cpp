@@ -262,7 +262,7 @@ FlatCheck receiveFlatMetadata(const void* buf, size_t size, IMetadata& out) {
 }
 
 IMetadata::~IMetadata() {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     mStorage.reset();
     --mHeadMarker;
@@ -290,7 +290,7 @@ void IMetadata::Core::makeWritableLocked(const IMetadata& m) {
 }
 
 std::shared_ptr<Storage> IMetadata::getStorageSP() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     return Core::shareLocked(*this);
 }
@@ -301,7 +301,7 @@ std::shared_ptr<Storage> IMetadata::Core::shareLocked(const IMetadata& m) {
 }
 
 bool IMetadata::isEmpty() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     if (!mStorage) return true;
     StorageState::of(*mStorage).shared.store(1, std::memory_order_relaxed);
@@ -309,7 +309,7 @@ bool IMetadata::isEmpty() const {
 }
 
 uint32_t IMetadata::count() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     if (!mStorage) return 0;
     StorageState::of(*mStorage).shared.store(1, std::memory_order_relaxed);
@@ -317,19 +317,19 @@ uint32_t IMetadata::count() const {
 }
 
 uint32_t IMetadata::Core::lockedRowCount(const IMetadata& m) {
-    std::lock_guard<std::mutex> guard(m.mLock);
+    const MutexLock guard(m.mLock);
     return m.mStorage ? static_cast<uint32_t>(tableOf(*m.mStorage).size()) : 0;
 }
 
 void IMetadata::clear() {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     const Writing writing(mSequence);
     Core::installLocked(*this, nullptr);
 }
 
 int IMetadata::remove(uint32_t tag) {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     const Writing writing(mSequence);
     Core::makeWritableLocked(*this);
@@ -372,7 +372,7 @@ int IMetadata::update(const IEntry& entry) {
 }
 
 int IMetadata::Core::update(IMetadata& m, uint32_t tag, RowValue&& value) {
-    std::lock_guard<std::mutex> guard(m.mLock);
+    const MutexLock guard(m.mLock);
     checkValid(m, __func__);
     const Writing writing(m.mSequence);
     makeWritableLocked(m);
@@ -387,7 +387,7 @@ IEntry IMetadata::entryFor(uint32_t tag, int take) const {
     Core::checkValid(*this, __func__);  // before locking, unlike every other operation
     std::shared_ptr<Content> content;
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        const MutexLock guard(mLock);
         if (!mStorage) return IEntry(kNoTag);
         if (take) {
             const Writing writing(mSequence);
@@ -415,7 +415,7 @@ IEntry IMetadata::entryAt(uint32_t index) const {
     std::shared_ptr<Content> content;
     uint32_t tag = kNoTag;
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        const MutexLock guard(mLock);
         Core::checkValid(*this, __func__);
         if (!mStorage || !mStorage->getContentSPByIndex(index, content, tag)) return IEntry(kNoTag);
     }
@@ -435,7 +435,7 @@ struct InBurst {
 }  // namespace
 
 int IMetadata::burstRead(const std::function<int(const BurstEntry&)>& fn) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     if (!mStorage) return -1;
     StorageState::of(*mStorage).shared.store(1, std::memory_order_relaxed);
     const InBurst burst(this);
@@ -443,7 +443,7 @@ int IMetadata::burstRead(const std::function<int(const BurstEntry&)>& fn) const 
 }
 
 void IMetadata::burstWrite(const std::function<void(BurstEntry&)>& fn) {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     const Writing writing(mSequence);
     Core::makeWritableLocked(*this);
     const InBurst burst(this);
@@ -457,6 +457,7 @@ std::shared_ptr<Storage> nested::storageToStore(const IMetadata& m) {
 std::shared_ptr<Storage> IMetadata::Core::storageToStore(const IMetadata& m) {
     const IMetadata* burst = tBurst;
     if (burst == nullptr || burst == &m) return m.getStorageSP();
+    burst->mLock.assertHeld();  // its burst callback runs on this thread, under its lock
     // This thread runs a burst callback of another container and holds its lock: waiting for
     // this container's lock while its holder, in a burst of its own, waits for ours would
     // never end. So the lock is only tried; while it is busy, a holder that waits in turn
@@ -467,7 +468,7 @@ std::shared_ptr<Storage> IMetadata::Core::storageToStore(const IMetadata& m) {
     bool offered = false;
     for (;;) {
         if (m.mLock.try_lock()) {
-            std::lock_guard<std::mutex> guard(m.mLock, std::adopt_lock);
+            const MutexLock guard(m.mLock, std::adopt_lock);
             checkValid(m, "getStorageSP");
             taken = shareLocked(m);
             break;
@@ -506,7 +507,7 @@ void IMetadata::Core::withdrawOfferLocked(const IMetadata& m) {
 }
 
 long IMetadata::flattenSize(const uint32_t* tags, long count) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     if (!mStorage) {
         const Writing writing(mSequence);
@@ -517,7 +518,7 @@ long IMetadata::flattenSize(const uint32_t* tags, long count) const {
 }
 
 long IMetadata::flatten(void* buf, size_t size, const uint32_t* tags, long count) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     if (!mStorage) {
         const Writing writing(mSequence);
@@ -528,7 +529,7 @@ long IMetadata::flatten(void* buf, size_t size, const uint32_t* tags, long count
 }
 
 long IMetadata::unflatten(void* buf, size_t size) {
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     const Writing writing(mSequence);
     // The old values go before the buffer is looked at; containers sharing them keep them.
@@ -547,7 +548,7 @@ IMetadata& IMetadata::operator=(const IMetadata& other) {
     // The source's storage is taken before this container is locked, so two threads
     // assigning two containers to each other cannot deadlock.
     std::shared_ptr<Storage> storage = other.getStorageSP();
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     const Writing writing(mSequence);
     Core::installLocked(*this, std::move(storage));
@@ -558,7 +559,7 @@ IMetadata& IMetadata::operator+=(const IMetadata& other) {
     if (this == &other) return *this;
     const std::shared_ptr<Storage> source = other.getStorageSP();
     if (!source) return *this;
-    std::lock_guard<std::mutex> guard(mLock);
+    const MutexLock guard(mLock);
     Core::checkValid(*this, __func__);
     const Writing writing(mSequence);
     if (!mStorage) {

@@ -16,6 +16,8 @@
 #define ZORCAM_HAVE_MEMBARRIER 1
 #endif
 
+#include <zorcam/metadata/ThreadSafety.h>
+
 #include "Sync.h"
 
 namespace NSCam {
@@ -141,8 +143,8 @@ void releaseAll(const Retired* items, uint32_t count) {
 
 // What threads that have exited could not release yet.
 struct Orphans {
-    std::mutex lock;
-    std::vector<std::pair<uint64_t, Retired>> items;
+    Mutex lock;
+    std::vector<std::pair<uint64_t, Retired>> items ZORCAM_GUARDED_BY(lock);
     std::atomic<size_t> count{0};  // mirrors items.size(), so that an empty list costs no lock
 };
 Orphans& orphans() {
@@ -175,7 +177,7 @@ struct Local {
         // released once the readers have left.
         try {
             Orphans& o = orphans();
-            std::lock_guard<std::mutex> guard(o.lock);
+            const MutexLock guard(o.lock);
             size_t total = 0;
             for (const Batch& b : batches) total += b.sealed ? b.count : 0;
             for (const Spilled& b : spill) total += b.count;
@@ -335,8 +337,8 @@ struct Local {
         if (o.count.load(std::memory_order_relaxed) == 0) return false;
         std::vector<Retired> ready;
         {
-            std::unique_lock<std::mutex> guard(o.lock, std::try_to_lock);
-            if (!guard.owns_lock()) return false;
+            if (!o.lock.try_lock()) return false;
+            const MutexLock guard(o.lock, std::adopt_lock);
             size_t kept = 0;
             for (size_t i = 0; i < o.items.size(); ++i) {
                 if (o.items[i].first + 2 <= now) {
@@ -389,7 +391,7 @@ void retireItem(void* item, void (*release)(void*), size_t weight) noexcept {
     // The thread is exiting: its retired items go to the threads that stay.
     try {
         Orphans& o = orphans();
-        std::lock_guard<std::mutex> guard(o.lock);
+        const MutexLock guard(o.lock);
         fullFence();
         o.items.emplace_back(gEpoch.load(std::memory_order_acquire), Retired{item, release});
         o.count.store(o.items.size(), std::memory_order_relaxed);

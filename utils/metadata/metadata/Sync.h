@@ -5,6 +5,11 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <thread>
+
+#include <time.h>
+
+#include <zorcam/metadata/ThreadSafety.h>
 
 #if defined(__SANITIZE_THREAD__)
 #define ZORCAM_TSAN 1
@@ -107,5 +112,42 @@ inline void writeRacing(void* to, const void* from, size_t n) {
     copyFixed(to, from, n);
 #endif
 }
+
+// One step of waiting for a lock held by another thread, `waited` steps in: a pause of the core
+// first (the holder is likely running, a few instructions from letting go), then a yield, then
+// a short sleep. Camera threads run at real-time priority, where a thread that only spins or
+// yields can keep a lower-priority holder from ever running again.
+inline void backOff(unsigned waited) {
+    if (waited < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+        asm volatile("yield" ::: "memory");
+#endif
+    } else if (waited < 128) {
+        std::this_thread::yield();
+    } else {
+        const timespec pause = {0, 50 * 1000};  // 50 us
+        nanosleep(&pause, nullptr);
+    }
+}
+
+// A lock of one byte for sections of a few instructions, which waits by backOff.
+class ZORCAM_CAPABILITY("spin lock") SpinLock {
+public:
+    bool try_lock() ZORCAM_TRY_ACQUIRE(true) {
+        return !mHeld.load(std::memory_order_relaxed) &&
+               !mHeld.exchange(true, std::memory_order_acquire);
+    }
+    void lock() ZORCAM_ACQUIRE() {
+        for (unsigned waited = 0; !try_lock(); ++waited) backOff(waited);
+    }
+    void unlock() ZORCAM_RELEASE() { mHeld.store(false, std::memory_order_release); }
+    // Tells the analysis that the caller holds the lock (taken where it cannot follow).
+    void assertHeld() const ZORCAM_ASSERT_CAPABILITY(this) {}
+
+private:
+    std::atomic<bool> mHeld{false};
+};
 
 }  // namespace NSCam
