@@ -1,8 +1,12 @@
 // Reading a checked flat form (the layout is in FlatForm.h) or packet into rows.
 #include <zorcam/metadata/AndroidPacket.h>
 #include <zorcam/metadata/FlatForm.h>
+#include <zorcam/metadata/FlatWalk.h>
 
 #include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "Zmeta.h"
 
@@ -11,100 +15,77 @@ namespace {
 
 namespace flat = NSCam::flat;
 
-class Reader {
+// Builds the rows of a form from the library's walk of it (FlatWalk.h), which checks every
+// length before it tells of the bytes: what it tells is where they lie.
+class Builder : public flat::NoVisitor {
 public:
-    Reader(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
+    explicit Builder(const uint8_t* data) : mData(data) {}
 
-    size_t pos() const { return mPos; }
-    void seek(size_t pos) { mPos = pos; }
-
-    // The next `n` bytes, which must lie before `end`.
-    const uint8_t* take(size_t n, size_t end) {
-        if (end > mSize || mPos > end || n > end - mPos) disagree();
-        const uint8_t* p = mData + mPos;
-        mPos += n;
-        return p;
-    }
-    // Checks that `length` bytes follow, and returns where they end; stays where it is.
-    size_t skip(size_t length, size_t end) {
-        const size_t start = mPos;
-        take(length, end);
-        const size_t stop = mPos;
-        mPos = start;
-        return stop;
-    }
-    uint32_t u32(size_t end) {
-        uint32_t v;
-        std::memcpy(&v, take(4, end), 4);
-        return v;
-    }
-    [[noreturn]] void disagree() const {
-        throw Failure("the check accepted a form this tool cannot read (byte " +
-                      std::to_string(mPos) + ")");
-    }
-
-    // One storage block that ends at or before `end`.
-    std::unique_ptr<Form> block(size_t end, int depth) {
-        if (depth > flat::kMaxNestingDepth || u32(end) != flat::kStorageMagic) disagree();
-        // Receivers take a negative record count for an empty table.
-        const int32_t declared = static_cast<int32_t>(u32(end));
-        if (declared > flat::kMaxRecords) disagree();
+    void beginBlock(int32_t records) {
         auto form = std::make_unique<Form>();
-        form->rows.resize(declared < 0 ? 0 : static_cast<size_t>(declared));
-        for (Row& row : form->rows) {
-            row.tag = u32(end);
-            const size_t recordEnd = skip(u32(end), end);
-            if (mPos == recordEnd) continue;  // a row without content
-            content(row, recordEnd, depth);
-            row.spare = recordEnd - mPos;
-            seek(recordEnd);
-        }
-        return form;
+        // Rows and slots are reserved in full, so the pointers kept to them below stay valid.
+        form->rows.reserve(records > 0 ? static_cast<size_t>(records) : 0);
+        Form* made = form.get();
+        if (mOpen.empty())
+            mRoot = std::move(form);
+        else
+            *mSlot = std::move(form);
+        mOpen.push_back(Level{made, nullptr, 0, mSlotEnd});
     }
+    void record(uint32_t tag, size_t begin, size_t end) {
+        Level& level = mOpen.back();
+        level.row = &level.form->rows.emplace_back();
+        level.row->tag = tag;
+        level.row->hasContent = begin != end;
+        level.recordEnd = end;
+    }
+    void values(int32_t type, int32_t count, size_t at, size_t bytes) {
+        Row& row = *mOpen.back().row;
+        row.type = type;
+        row.count = static_cast<uint32_t>(count);
+        row.payload = Span{mData + at, bytes};
+    }
+    void elements(int32_t type, int32_t count) {
+        Row& row = *mOpen.back().row;
+        row.type = type;
+        row.count = static_cast<uint32_t>(count);
+        if (type == NSCam::TYPE_Memory)
+            row.blobs.reserve(row.count);
+        else
+            row.nested.reserve(row.count);
+    }
+    void blob(size_t at, uint32_t size) {
+        mOpen.back().row->blobs.push_back(Span{mData + at, size});
+    }
+    void slot(size_t, size_t end) {
+        mSlot = &mOpen.back().row->nested.emplace_back();  // stays empty for an empty slot
+        mSlotEnd = end;
+    }
+    void contentEnd(size_t at) {
+        Level& level = mOpen.back();
+        level.row->spare = level.recordEnd - at;
+    }
+    void endBlock(size_t at) {
+        const Level level = mOpen.back();
+        mOpen.pop_back();
+        if (!mOpen.empty()) level.form->spare = level.slotEnd - at;
+    }
+
+    std::unique_ptr<Form> take() { return std::move(mRoot); }
 
 private:
-    void content(Row& row, size_t end, int depth) {
-        row.hasContent = true;
-        if (u32(end) != flat::kContentPattern) disagree();
-        row.type = static_cast<int32_t>(u32(end));
-        const int32_t count = static_cast<int32_t>(u32(end));
-        if (count < 0) disagree();
-        row.count = static_cast<uint32_t>(count);
-        const NSCam::TypeFacts* facts = NSCam::typeFacts(row.type);
-        if (!facts) {
-            if (count != 0) disagree();
-        } else if (facts->basic) {
-            const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(facts->size);
-            row.payload = Span{take(bytes, end), bytes};
-        } else if (row.type == NSCam::TYPE_Memory) {
-            elements(row.count, end);
-            row.blobs.resize(row.count);
-            for (Span& blob : row.blobs) {
-                blob.size = u32(end);
-                blob.data = take(blob.size, end);
-            }
-        } else {
-            elements(row.count, end);
-            row.nested.resize(row.count);
-            for (std::unique_ptr<Form>& slot : row.nested) {
-                const size_t slotEnd = skip(u32(end), end);
-                if (mPos == slotEnd) continue;  // an empty slot
-                slot = block(slotEnd, depth + 1);
-                slot->spare = slotEnd - mPos;
-                seek(slotEnd);
-            }
-        }
-    }
-
-    // Blobs and nested slots take at least their length field each: a count that the bytes
-    // cannot hold is refused before anything is allocated for it.
-    void elements(uint32_t count, size_t end) {
-        if (end < mPos || count > (end - mPos) / 4) disagree();
-    }
+    struct Level {
+        Form* form;
+        Row* row;          // the row whose record is being walked
+        size_t recordEnd;  // where that record ends
+        size_t slotEnd;    // where the slot that holds this block ends
+    };
 
     const uint8_t* mData;
-    size_t mSize;
-    size_t mPos = 0;
+    std::unique_ptr<Form> mRoot;
+    std::vector<Level> mOpen;
+    std::unique_ptr<Form>* mSlot = nullptr;  // the slot the next block fills
+    size_t mSlotEnd = 0;
 };
 
 bool sameForms(const Form& a, const Form& b) {
@@ -115,9 +96,14 @@ bool sameForms(const Form& a, const Form& b) {
 }  // namespace
 
 std::unique_ptr<Form> readForm(const uint8_t* data, size_t size) {
-    Reader reader(data, size);
-    std::unique_ptr<Form> form = reader.block(size, 0);
-    form->spare = size - reader.pos();
+    Builder builder(data);
+    flat::BasicWalker<Builder> walker(data, 0, builder);
+    size_t used = 0;
+    if (!walker.storage(0, size, 0, used))
+        throw Failure("the check accepted a form this tool cannot read (byte " +
+                      std::to_string(walker.offset()) + ": " + walker.reason() + ")");
+    std::unique_ptr<Form> form = builder.take();
+    form->spare = size - used;
     return form;
 }
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <new>
 
-#include "FlatWalk.h"
+#include <zorcam/metadata/FlatWalk.h>
 #include "Readers.h"
 #include "Sync.h"
 
@@ -273,9 +273,7 @@ struct ItemTable::Impl {
             release(item);
     }
 
-    static Holders* holdersOf(const Chunk* c) {
-        return c->holders.load(std::memory_order_acquire);
-    }
+    static Holders* holdersOf(const Chunk* c) { return c->holders.load(std::memory_order_acquire); }
     // The chunk's holders, made when it has none. Chunks that other tables share may be
     // asked on several threads at once: the first one installed stays.
     static Holders* ensureHolders(const Chunk* c) {
@@ -406,8 +404,8 @@ struct ItemTable::Impl {
     static void replaceChunk(ItemTable& t, Directory* d, size_t k, Chunk* c) {
         const uintptr_t e = d->entries()[k].load(std::memory_order_relaxed);
         Chunk* old = pointerOf<Chunk>(e);
-        const bool own = old != nullptr && !isBorrowed(e) &&
-                         old->refs.load(std::memory_order_acquire) == 1;
+        const bool own =
+            old != nullptr && !isBorrowed(e) && old->refs.load(std::memory_order_acquire) == 1;
         if (own && c->holders.load(std::memory_order_relaxed) == nullptr)
             c->holders.store(old->holders.exchange(nullptr, std::memory_order_relaxed),
                              std::memory_order_relaxed);
@@ -479,8 +477,8 @@ struct ItemTable::Impl {
         const uintptr_t e = d->side.load(std::memory_order_relaxed);
         Side* side = pointerOf<Side>(e);
         const uint32_t n = side != nullptr ? side->count.load(std::memory_order_relaxed) : 0;
-        if (side != nullptr && !isBorrowed(e) &&
-            side->refs.load(std::memory_order_acquire) == 1 && side->capacity - n >= room)
+        if (side != nullptr && !isBorrowed(e) && side->refs.load(std::memory_order_acquire) == 1 &&
+            side->capacity - n >= room)
             return side;
         uint32_t capacity = 8;
         while (capacity < n + room) capacity *= 2;
@@ -634,8 +632,8 @@ struct ItemTable::Impl {
             if (last)
                 made.chunk = copyOf(*c, full);
             else if (!own || !fits)
-                made.chunk = copyOf(*c, fits ? c->capacity
-                                             : std::max<size_t>(full, c->capacity + c->capacity / 2));
+                made.chunk = copyOf(
+                    *c, fits ? c->capacity : std::max<size_t>(full, c->capacity + c->capacity / 2));
         }
         Chunk* target = made.chunk != nullptr ? made.chunk : c;
         // Holders for an object row, unless the row's chunk has them (or will: a chunk of the
@@ -704,8 +702,7 @@ struct ItemTable::Impl {
         if (d->refs.load(std::memory_order_acquire) != 1) d = ownDirectory(t, k + 1);
         const uintptr_t e = d->entries()[k].load(std::memory_order_relaxed);
         Chunk* c = pointerOf<Chunk>(e);
-        if (isBorrowed(e) || c->refs.load(std::memory_order_acquire) != 1)
-            c = ownChunk(t, d, k);
+        if (isBorrowed(e) || c->refs.load(std::memory_order_acquire) != 1) c = ownChunk(t, d, k);
         uint8_t* rec = c->recordOf(r);
         std::shared_ptr<Content> dropped;  // released once the row is whole again
         if (!c->isObject(r) && record::lengthOf(rec) != record::kObjectRow &&
@@ -756,8 +753,8 @@ struct ItemTable::Impl {
             if (moves) movedValue = valueOf(*tail, tr);
             ChunkGuard made;
             if (tr != 0)
-                made.chunk = rebuilt(*hole, moves ? hr : kRows, &movedValue, moved,
-                                     tail->slot[tr], true);
+                made.chunk =
+                    rebuilt(*hole, moves ? hr : kRows, &movedValue, moved, tail->slot[tr], true);
             Holders* h = hole->holders.load(std::memory_order_relaxed);
             if (h != nullptr) {
                 dropped = std::move(h->held[hr].owner);
@@ -794,8 +791,7 @@ struct ItemTable::Impl {
             if (th != nullptr && th->held[tr].content.load() != nullptr) {
                 if (tail->isObject(tr)) {
                     hh->held[hr].owner = std::move(th->held[tr].owner);
-                    hh->held[hr].content.store(hh->held[hr].owner.get(),
-                                               std::memory_order_relaxed);
+                    hh->held[hr].content.store(hh->held[hr].owner.get(), std::memory_order_relaxed);
                 }
                 th->held[tr].content.store(nullptr, std::memory_order_relaxed);
                 th->held[tr].owner.reset();
@@ -999,8 +995,7 @@ bool ItemTable::copyRecords(uint8_t* out, size_t room, size_t& written) const {
 //------------------------------------------------------------------------------------------
 // Decoding
 
-bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t records,
-                       size_t& end) {
+bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t records, size_t& end) {
     using DecodeRecord = Impl::DecodeRecord;
     // The first walk: where each record lies, what it holds, and its row in the index being
     // gathered (pages of the slot map made as tags touch them; tags outside the map counted).
@@ -1023,8 +1018,8 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
     // The index being gathered: the thread's own, as it is done with before the decode
     // recurses into nested containers.
     Impl::Gathered& gathered = Impl::gathered();
-    uint8_t (&pageOf)[Index::kPages] = gathered.pageOf;  // page number + 1, 0 for none
-    uint16_t (&pages)[Index::kPages][Index::kPageSlots] = gathered.pages;
+    uint8_t(&pageOf)[Index::kPages] = gathered.pageOf;  // page number + 1, 0 for none
+    uint16_t(&pages)[Index::kPages][Index::kPageSlots] = gathered.pages;
     std::memset(pageOf, 0, sizeof(pageOf));
     uint32_t usedPages = 0, outside = 0;
     flat::Walker walker(buf, flat::tDecode.nested);
@@ -1154,8 +1149,8 @@ bool ItemTable::decode(const uint8_t* buf, size_t size, size_t begin, size_t rec
                 if (c->holders.load(std::memory_order_relaxed) == nullptr)
                     c->holders.store(makeHolders(), std::memory_order_relaxed);
                 // Checked above: the content decodes, without a report.
-                std::shared_ptr<Content> content = Content::decoded(
-                    buf + rec.at + record::kHead, flat::load32(buf + rec.at + 4));
+                std::shared_ptr<Content> content =
+                    Content::decoded(buf + rec.at + record::kHead, flat::load32(buf + rec.at + 4));
                 Holders::Held& held = c->holders.load(std::memory_order_relaxed)->held[i];
                 held.owner = std::move(content);
                 held.content.store(held.owner.get(), std::memory_order_relaxed);

@@ -3,7 +3,7 @@
 // refuse the bytes or end the process.
 #include <zorcam/metadata/MetadataCheck.h>
 
-#include "FlatWalk.h"
+#include <zorcam/metadata/FlatWalk.h>
 
 namespace NSCam {
 
