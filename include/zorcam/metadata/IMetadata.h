@@ -277,19 +277,19 @@ public:
 private:
     friend struct ::NSCam::MetadataInspector;
 
-    uint32_t mHeadMarker;
+    uint32_t mHeadMarker = kHeadMarker;
     // Read before locking (entryFor, operator=) while a destructor may clear it: atomic, so
     // that the race a use after destruction makes is defined.
-    std::atomic<uint32_t> mValidNum;
-    uint32_t mValidNumBackup;
+    std::atomic<uint32_t> mValidNum{0};
+    uint32_t mValidNumBackup = 0;
     mutable std::shared_ptr<Storage> mStorage ZORCAM_GUARDED_BY(mLock);
     // What readers without the lock follow: the storage, and a count that is odd while a
     // writer changes the container and moves on with each change.
-    mutable std::atomic<Storage*> mStorageRaw;
-    mutable std::atomic<uint32_t> mSequence;
-    uint32_t mLockMarker;
+    mutable std::atomic<Storage*> mStorageRaw{nullptr};
+    mutable std::atomic<uint32_t> mSequence{0};
+    uint32_t mLockMarker = kLockMarker;
     mutable Mutex mLock;
-    uint32_t mTailMarker;
+    uint32_t mTailMarker = kTailMarker;
 };
 
 template <>

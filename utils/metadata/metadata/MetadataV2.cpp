@@ -189,51 +189,23 @@ void IMetadata::Core::assignValidNumber(IMetadata& m) {
     m.mValidNum.store(m.mValidNumBackup, std::memory_order_relaxed);
 }
 
-IMetadata::IMetadata()
-    : mHeadMarker(kHeadMarker),
-      mValidNum(0),
-      mValidNumBackup(0),
-      mStorageRaw(nullptr),
-      mSequence(0),
-      mLockMarker(kLockMarker),
-      mTailMarker(kTailMarker) {
+IMetadata::IMetadata() {
     Core::assignValidNumber(*this);
 }
 
 IMetadata::IMetadata(const IMetadata& other)
-    : mHeadMarker(kHeadMarker),
-      mValidNum(0),
-      mValidNumBackup(0),
-      mStorage(other.getStorageSP()),
-      mStorageRaw(Core::lockFreeView(mStorage)),
-      mSequence(0),
-      mLockMarker(kLockMarker),
-      mTailMarker(kTailMarker) {
+    : mStorage(other.getStorageSP()), mStorageRaw(Core::lockFreeView(mStorage)) {
     if (mStorage) tableOf(*mStorage).publish();
     Core::assignValidNumber(*this);
 }
 
 IMetadata::IMetadata(const std::shared_ptr<Storage>& storage)
-    : mHeadMarker(kHeadMarker),
-      mValidNum(0),
-      mValidNumBackup(0),
-      mStorage(storage),
-      mStorageRaw(Core::lockFreeView(mStorage)),
-      mSequence(0),
-      mLockMarker(kLockMarker),
-      mTailMarker(kTailMarker) {
+    : mStorage(storage), mStorageRaw(Core::lockFreeView(mStorage)) {
     if (mStorage) tableOf(*mStorage).publish();
     Core::assignValidNumber(*this);
 }
 
-IMetadata::IMetadata(const void* buf, size_t size)
-    : mHeadMarker(kHeadMarker),
-      mValidNum(0),
-      mValidNumBackup(0),
-      mStorageRaw(nullptr),
-      mSequence(0),
-      mLockMarker(kLockMarker),
-      mTailMarker(kTailMarker) {
+IMetadata::IMetadata(const void* buf, size_t size) {
     std::shared_ptr<Storage> storage = newStorage();
     if (storage->unflatten(buf, size) < 0) {
         META_LOGE("unflatten error %p, size %zu", buf, size);
