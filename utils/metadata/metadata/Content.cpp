@@ -326,7 +326,8 @@ bool Content::updateBytes(bool append, size_t start, const void* data, size_t si
         const size_t n = static_cast<size_t>(mCount) + size;
         if (mHeld != Held::kBytes && n < 2) {
             // The one-element form has no room for "nothing": appending zero elements to an
-            // empty or one-element content ends the process, as it always has.
+            // empty or one-element content ends the process (callers were built against that
+            // behaviour and test for empty arrays themselves).
             if (size != 1) META_FATAL_AS("update", "size should be 1");
             std::memcpy(mInlineData, data, e);
         } else {

@@ -2,7 +2,7 @@
 // Cursors over the flat form. The form is little-endian and unpadded, so every field is
 // copied with memcpy. Decoding never reads outside the buffer it was given. Encoding keeps
 // two limits: the capacity the caller declared (which decides results and reports, checked
-// once at the end as it always was) and the bytes that really exist in the caller's buffer,
+// once at the end, so that a short buffer is reported once for the whole block) and the bytes that really exist in the caller's buffer,
 // past which nothing is ever written even when a nested writer was handed a capacity that
 // wrapped around.
 #include <cstddef>

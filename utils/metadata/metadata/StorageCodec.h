@@ -2,9 +2,9 @@
 // The storage block codec: a table's rows to the flat form's block and back (StorageCodec.cpp).
 //
 // The codec does the work; what it refuses is reported by MetadataV2.cpp, through the
-// functions of `report` below, at the moment the codec meets it: those lines belong to the
-// container's source file, under the names of the operations callers know ("flatten",
-// "unflatten"), as they always have.
+// functions of `report` below, at the moment the codec meets it: those lines carry the
+// container's source file and the names of the operations callers know ("flatten",
+// "unflatten"), which is what engineers grep device logs for.
 #include <zorcam/metadata/IMetadata.h>
 
 #include <cstddef>
