@@ -1,3 +1,5 @@
+// IMetadata::Content: the typed array of one entry, its reads and edits with their reports, and
+// its flat content record both ways.
 #define LOG_TAG "Metadata2/Content"
 #define LOG_MODULE ::NSCam::diag::kMetadataModule
 

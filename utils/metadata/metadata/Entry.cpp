@@ -1,3 +1,5 @@
+// IMetadata::IEntry: one tag and a copy-on-write reference to its values; the typed families,
+// one body each, each family reporting its failures from a line of its own.
 #define LOG_TAG "Metadata2/Entry"
 #define LOG_MODULE ::NSCam::diag::kMetadataModule
 

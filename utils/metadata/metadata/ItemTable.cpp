@@ -1,3 +1,5 @@
+// The tag table (layout and sharing in ItemTable.h): its building blocks, the changes of rows,
+// copies that borrow, the index, merges and the decoder of checked records.
 #include "ItemTable.h"
 
 #include <sched.h>

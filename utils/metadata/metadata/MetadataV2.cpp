@@ -1,3 +1,6 @@
+// IMetadata: the container's operations, its lock, sequence count and copy-on-write, bursts
+// and merges; the storage's public operations; and every line the container and the storage
+// codec report, which carry this file's name in device logs.
 #define LOG_TAG "Metadata2"
 #define LOG_MODULE ::NSCam::diag::kMetadataModule
 

@@ -1,3 +1,4 @@
+// The per-thread block caches of the reclamation module (declared in Readers.h).
 #include "Readers.h"
 
 #include <cstdint>

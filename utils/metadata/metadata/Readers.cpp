@@ -1,3 +1,6 @@
+// Reclamation (the contract is in Readers.h): the process-wide barrier readers leave their fence
+// to, the epochs, the ring of retired batches of each thread, and the orphans exited threads
+// leave to the others.
 #include "Readers.h"
 
 #include <sys/syscall.h>
