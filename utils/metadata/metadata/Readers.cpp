@@ -387,6 +387,13 @@ namespace {
 
 void retireItem(void* item, void (*release)(void*), size_t weight) noexcept {
     Thread& t = tThread;
+    // While the thread's ring exists, items go into it, also once the thread is exiting (the
+    // flag may be set by another facility's teardown first): the ring is handed over whole
+    // when it goes, so what was retired into it stays before what comes after.
+    if (t.local != nullptr) {
+        t.local->add(item, release, weight);
+        return;
+    }
     if (!t.gone) {
         local(t).add(item, release, weight);
         return;
