@@ -6,21 +6,19 @@
 #include <cstring>
 #include <optional>
 
+#include "Flat.h"
 #include "RecordingLogger.h"
 
 namespace {
 
 using namespace NSCam;
+using zorcam_test::flat;
 using Content = IMetadata::Content;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 std::string ptr(const void* p) {
     return ::testing::PrintToString(p);
-}
-Bytes flat(const Content& c) {
-    Bytes out(c.flattenSize());
-    return c.flatten(out.data(), out.size()) == static_cast<long>(out.size()) ? out : Bytes();
 }
 // The content's byte array, or nothing when it keeps its one element without an array.
 std::optional<Bytes> array(const Content& c) {
@@ -62,16 +60,22 @@ TEST_F(ContentTest, RecordBytesReadBackAndOneByteShort) {
     int err = -1;
     for (const auto& k : cases) {
         Content c;
-        ASSERT_TRUE(k.n == 0 || c.update(-1, k.data, k.n, k.type));
-        EXPECT_EQ(flat(c), k.bytes) << k.type;
+        SCOPED_TRACE(k.type);
+        if (k.n > 0) {
+            ASSERT_TRUE(c.update(-1, k.data, k.n, k.type));
+        }
+        EXPECT_EQ(flat(c), k.bytes);
         Content back(k.bytes.data(), k.bytes.size(), err);
-        EXPECT_TRUE(err == 0 && back.isReadOnly() && flat(back) == k.bytes) << k.type;
+        EXPECT_EQ(err, 0);
+        EXPECT_TRUE(back.isReadOnly());
+        EXPECT_EQ(flat(back), k.bytes);
         Bytes buf = k.bytes;
         const size_t size = buf.size();
         const std::string end = ptr(&buf[size]) + ", " + ptr(&buf[size - 1]);
         Content shortened(buf.data(), size - 1, err);
         buf[size - 1] = 0xEE;
-        EXPECT_TRUE(c.flatten(buf.data(), size - 1) == -1 && buf[size - 1] == 0xEE) << k.type;
+        EXPECT_EQ(c.flatten(buf.data(), size - 1), -1);
+        EXPECT_EQ(buf[size - 1], 0xEE);
         EXPECT_EQ(log.take(), Lines({"unflatten:out of buffer " + end,
                                      "Content:unflatten error " + ptr(buf.data()) + ", size " +
                                          std::to_string(size - 1),
@@ -79,11 +83,14 @@ TEST_F(ContentTest, RecordBytesReadBackAndOneByteShort) {
     }
     const Bytes bad = {0x78, 0x56, 0x34, 0x12, 1, 0, 0, 0, 1, 0, 0, 0};
     Content c(bad.data(), bad.size(), err);
-    refused(err != 1 || c.isReadOnly() || flat(c) != cases[0].bytes,
-            {"unflatten:flatten pattern not correct 12345678",
-             "Content:unflatten error " + ptr(bad.data()) + ", size 12"});
+    EXPECT_EQ(err, 1);
+    EXPECT_FALSE(c.isReadOnly());
+    EXPECT_EQ(flat(c), cases[0].bytes);
+    EXPECT_EQ(log.take(), Lines({"unflatten:flatten pattern not correct 12345678",
+                                 "Content:unflatten error " + ptr(bad.data()) + ", size 12"}));
     const Bytes untyped = {0xCD, 0x54, 0x24, 0xAB, 0xFF, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0, 0, 0, 0, 0};
-    refused(c.unflatten(untyped.data(), untyped.size()) != -1, {"unflatten:mType hould valid!"});
+    EXPECT_EQ(c.unflatten(untyped.data(), untyped.size()), -1);
+    EXPECT_EQ(log.take(), Lines{"unflatten:mType hould valid!"});
 }
 
 template <typename T>
@@ -106,7 +113,8 @@ TYPED_TEST(ContentBasicTypeTest, RoundTrip) {
         EXPECT_EQ(flat(c), rec);
         rec.push_back(0xEE);  // not consumed
         const long used = back.unflatten(rec.data(), rec.size());
-        EXPECT_TRUE(used == static_cast<long>(rec.size() - 1) && back.isReadOnly()) << n;
+        EXPECT_EQ(used, static_cast<long>(rec.size() - 1)) << n;
+        EXPECT_TRUE(back.isReadOnly()) << n;
         EXPECT_EQ(array(back) ? array(back)->size() : 0u, n > 1 ? n * e : 0u) << n;
         EXPECT_EQ(std::memcmp(back.getBasicData(n - 1, code), &v[(n - 1) * e], e), 0) << n;
     }
@@ -115,9 +123,12 @@ TYPED_TEST(ContentBasicTypeTest, RoundTrip) {
 TEST_F(ContentTest, AppendOverwriteAndRemove) {
     Content c;
     const int one = 1, two = 2, more[] = {3, 4};
-    ASSERT_TRUE(c.update(-1, &one, 1, TYPE_INT32) && !array(c));  // one value: inline
-    ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32) && c.update(-1, more, 2, TYPE_INT32));
-    ASSERT_TRUE(c.update(2, more + 1, 1, TYPE_INT32) && c.update(0, more, 0, TYPE_INT32));
+    ASSERT_TRUE(c.update(-1, &one, 1, TYPE_INT32));
+    EXPECT_FALSE(array(c));  // one value: inline
+    ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32));
+    ASSERT_TRUE(c.update(-1, more, 2, TYPE_INT32));
+    ASSERT_TRUE(c.update(2, more + 1, 1, TYPE_INT32));
+    ASSERT_TRUE(c.update(0, more, 0, TYPE_INT32));
     const Bytes four = {1, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 4, 0, 0, 0};
     ASSERT_EQ(array(c), four);
     refused(c.update(3, more, 2, TYPE_INT32), {"update:index (3) out of range (4)"});
@@ -131,20 +142,24 @@ TEST_F(ContentTest, AppendOverwriteAndRemove) {
     refused(c.getBasicData(0, TYPE_FLOAT),
             {"getBasicData:type mismatch type(2) vs mType(1)", "Callstack:"});
     setLogging(0x2, 0, 0);
-    refused(c.update(-1, &one, 1, TYPE_FLOAT) || c.getBasicData(0, TYPE_FLOAT), {});
+    refused(c.update(-1, &one, 1, TYPE_FLOAT), {});
+    refused(c.getBasicData(0, TYPE_FLOAT), {});
     EXPECT_EQ(array(c), four);
     // Removal moves later values down; one value left keeps its byte array, which grows again.
-    ASSERT_TRUE(c.remove(1) && c.remove(2) && c.remove(0));  // 1 4 4, 1 4, 4
+    for (int at : {1, 2, 0}) ASSERT_TRUE(c.remove(at)) << at;  // 1 4 4, 1 4, 4
     ASSERT_EQ(array(c), Bytes({4, 0, 0, 0}));
     ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32));
     EXPECT_EQ(array(c), Bytes({4, 0, 0, 0, 2, 0, 0, 0}));
-    ASSERT_TRUE(c.remove(0) && c.remove(0));
+    for (int left : {1, 0}) ASSERT_TRUE(c.remove(0)) << left;
     EXPECT_EQ(flat(c), header(-1, 0));  // the last one removed clears the type
     // A stale empty vector from an append of nothing broke the next type ("mMetaSP confuse").
     for (int type : {TYPE_Memory, TYPE_IMetadata}) {
-        ASSERT_TRUE(c.update(-1, nullptr, 0, type) && c.update(-1, &one, 1, TYPE_INT32));
+        SCOPED_TRACE(type);
+        ASSERT_TRUE(c.update(-1, nullptr, 0, type));
+        ASSERT_TRUE(c.update(-1, &one, 1, TYPE_INT32));
         ASSERT_TRUE(Content(c).update(-1, &two, 1, TYPE_INT32));
-        ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32) && c.remove(0) && c.remove(0));
+        ASSERT_TRUE(c.update(-1, &two, 1, TYPE_INT32));
+        for (int left : {1, 0}) ASSERT_TRUE(c.remove(0)) << left;
     }
 }
 

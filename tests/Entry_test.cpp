@@ -17,6 +17,7 @@
 namespace {
 
 using namespace NSCam;
+using zorcam_test::expectSame;
 using zorcam_test::same;
 using zorcam_test::sample;
 using IEntry = IMetadata::IEntry;
@@ -56,15 +57,16 @@ TYPED_TEST(EntryTypedTest, EditAndReadFamilies) {
     e.replaceItemAt(0, v[3], t);
     e.replaceItemAt(1, v, 2, t);
     e.replaceItemAt(0xFFFFFFFFu, v[4], t);  // reaches the content as -1: appends
-    EXPECT_TRUE(same(one.itemAt(0, t), v[0]) && same(one.itemAt(1, t), v[1]));
+    expectSame<TypeParam>({one.itemAt(0, t), one.itemAt(1, t)}, {v[0], v[1]});
     TypeParam out[3] = {v[2], v[2], v[2]};
     EXPECT_EQ(e.itemAt(2, out, 3, t), 0);  // 2 + 3 > 4: nothing copied
-    EXPECT_TRUE(same(out[0], v[2]) && same(out[1], v[2]) && same(out[2], v[2]));
+    expectSame<TypeParam>({out, out + 3}, {v[2], v[2], v[2]});
     EXPECT_EQ(this->log.take(), Lines{failed("itemAt", "Get data error ", e)});
     EXPECT_EQ(e.itemAt(1, out, 3, t), 1);  // v3 v0 v1 v4
-    EXPECT_TRUE(same(out[0], v[0]) && same(out[1], v[1]) && same(out[2], v[4]));
-    EXPECT_TRUE(e.removeAt(1) == 0 && e.count() == 3 && same(e.itemAt(0, t), v[3]));
-    EXPECT_TRUE(same(e.itemAt(1, t), v[1]) && same(e.itemAt(2, t), v[4]));
+    expectSame<TypeParam>({out, out + 3}, {v[0], v[1], v[4]});
+    EXPECT_EQ(e.removeAt(1), 0);
+    EXPECT_EQ(e.count(), 3u);
+    expectSame<TypeParam>({e.itemAt(0, t), e.itemAt(1, t), e.itemAt(2, t)}, {v[3], v[1], v[4]});
     e.replaceItemAt(3, v[0], t);
     e.push_back(v, 0x80000000u, t);
     EXPECT_EQ(this->log.take(), Lines({"update:index (3) out of range (3)",
@@ -159,9 +161,12 @@ TEST_F(EntryTest, ConvertingAppendsAndIndexOf) {
     f.push_back(values, 3, Type2Type<float>());
     m.push_back(blobs, 3, Type2Type<Memory>());
     r.push_back(rects, 2, Type2Type<MRect>());
-    EXPECT_TRUE(IEntry::indexOf(f, nan) == -1 && IEntry::indexOf(f, -0.0f) == 1);
-    EXPECT_TRUE(IEntry::indexOf(r, rects[1]) == 1 && IEntry::indexOf(r, MRect(1, 2, 9, 4)) == -1);
-    EXPECT_TRUE(IEntry::indexOf(m, Memory("abc", 3)) == 2 && IEntry::indexOf(m, Memory()) == 1);
+    EXPECT_EQ(IEntry::indexOf(f, nan), -1);
+    EXPECT_EQ(IEntry::indexOf(f, -0.0f), 1);
+    EXPECT_EQ(IEntry::indexOf(r, rects[1]), 1);
+    EXPECT_EQ(IEntry::indexOf(r, MRect(1, 2, 9, 4)), -1);
+    EXPECT_EQ(IEntry::indexOf(m, Memory("abc", 3)), 2);
+    EXPECT_EQ(IEntry::indexOf(m, Memory()), 1);
     EXPECT_EQ(log.take(), Lines{});
 }
 
@@ -172,22 +177,30 @@ TEST_F(EntryTest, CopyOnWriteInEveryDirection) {
     a.push_back(2, kInt);
     c = a;
     c.removeAt(0);
-    EXPECT_TRUE(c.tag() == 10u && a.count() == 2 && c.count() == 1);
+    EXPECT_EQ(c.tag(), 10u);
+    EXPECT_EQ(a.count(), 2u);
+    EXPECT_EQ(c.count(), 1u);
     auto held = MetadataInspector::content(c);
     const int* p = static_cast<const int*>(c.data());
     c.replaceItemAt(0, 8, kInt);
-    EXPECT_TRUE(*p == 2 && contentOf(c) != held.get());
+    EXPECT_EQ(*p, 2);
+    EXPECT_NE(contentOf(c), held.get());
     c.getContentSP();  // dropped at once
     const IMetadata::Content* before = contentOf(c);
     c.push_back(9, kInt);
-    EXPECT_TRUE(contentOf(c) != before && c.count() == 2 && c.itemAt(0, kInt) == 8);
+    EXPECT_NE(contentOf(c), before);
+    EXPECT_EQ(c.count(), 2u);
+    EXPECT_EQ(c.itemAt(0, kInt), 8);
     held = MetadataInspector::content(c);
     c.clear();
     c.push_back(MSize(4, 3), Type2Type<MSize>());
-    EXPECT_TRUE(contentOf(c) == held.get() && c.itemAt(0, Type2Type<MSize>()) == MSize(4, 3));
+    EXPECT_EQ(contentOf(c), held.get());
+    EXPECT_EQ(c.itemAt(0, Type2Type<MSize>()), MSize(4, 3));
     IEntry d(c);
     d.clear();
-    EXPECT_TRUE(!contentOf(d) && d.type() == -1 && c.count() == 1);
+    EXPECT_EQ(contentOf(d), nullptr);
+    EXPECT_EQ(d.type(), -1);
+    EXPECT_EQ(c.count(), 1u);
     // Edits whose values come from the entry's own data() (a use after free before).
     auto own = [&a] { return static_cast<const int*>(a.data()); };
     a.push_back(own(), 2, kInt);             // 1 2 1 2

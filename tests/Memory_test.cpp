@@ -38,9 +38,14 @@ TEST(PoolTest, BoundarySizesLandInTheirClassSlotAndCapacity) {
         SCOPED_TRACE(c.size);
         Allocator::Place p{};
         ASSERT_EQ(pool.locate(c.size, p), c.pooled);
-        EXPECT_TRUE(!c.pooled || (p.cls == c.cls && p.slot == c.slot && p.capacity == c.cap));
+        if (c.pooled) {
+            EXPECT_EQ(p.cls, c.cls);
+            EXPECT_EQ(p.slot, c.slot);
+            EXPECT_EQ(p.capacity, c.cap);
+        }
         BufferSP b = pool.allocate(c.size);
-        EXPECT_TRUE(b->size() == c.size && b->capacity() == c.cap);
+        EXPECT_EQ(b->size(), c.size);
+        EXPECT_EQ(b->capacity(), c.cap);
         pool.recycle(std::move(b));
         EXPECT_EQ(bool(b), !c.pooled);  // outside the pool: never taken back
     }
@@ -55,15 +60,18 @@ TEST(PoolTest, RecycleKeepsFiveUnsharedBuffersWithTheirBytes) {
     std::fill(b[4]->begin(), b[4]->end(), 0x5A);
     const Memory sharer(b[6]);
     pool.recycle(std::move(b[6]));
-    EXPECT_TRUE(b[6] && pool.memoryDosage() == 0u);  // held elsewhere: never taken
-    b[0]->resize(40);                                // filed by capacity, not by size
+    EXPECT_NE(b[6], nullptr);  // held elsewhere: never taken
+    EXPECT_EQ(pool.memoryDosage(), 0u);
+    b[0]->resize(40);  // filed by capacity, not by size
     pool.recycle(std::move(b[0]));
     EXPECT_EQ(pool.memoryDosage(), 104u);
     for (int i = 1; i < 6; ++i) pool.recycle(std::move(b[i]));
-    EXPECT_TRUE(b[5] && b[5].use_count() == 1 && !b[4]);  // the sixth stays with its owner
+    EXPECT_EQ(b[4], nullptr);
+    EXPECT_EQ(b[5].use_count(), 1);  // the sixth stays with its owner
     EXPECT_EQ(pool.memoryDosage(), 5u * 104);
     const BufferSP again = pool.allocate(97);
-    EXPECT_TRUE(again->data() == newest && *again == Bytes(97, 0x5A));
+    EXPECT_EQ(again->data(), newest);
+    EXPECT_EQ(*again, Bytes(97, 0x5A));
 }
 
 TEST(MemoryTest, EqualityRules) {  // no vector == empty vector; else sizes, then bytes
@@ -101,7 +109,8 @@ TEST(MemoryTest, CopiesShareUntilWritten) {
     for (size_t i = 0; i < std::size(makers); ++i) {
         SCOPED_TRACE(i);
         Memory a = blob(src), b = makers[i](a);
-        ASSERT_TRUE(bytesOf(a) == src && a.array() == b.array());  // moves keep their source
+        ASSERT_EQ(bytesOf(a), src);  // moves keep their source
+        ASSERT_EQ(a.array(), b.array());
         uint8_t* w = b.editArray();
         w[0] = 0xEE;
         EXPECT_EQ(bytesOf(a), src);
@@ -125,7 +134,8 @@ TEST(MemoryTest, EditsZeroFillAndLeaveASharerAlone) {
     grown.resize(50);
     cut.fastResize(2);
     EXPECT_EQ(twice.append(twice), 6u);
-    EXPECT_TRUE(zeroed.array() == dirty[1] && grown.array() == dirty[0]);
+    EXPECT_EQ(zeroed.array(), dirty[1]);
+    EXPECT_EQ(grown.array(), dirty[0]);
     EXPECT_EQ(bytesOf(zeroed), Bytes(50, 0));
     EXPECT_EQ(bytesOf(grown), ([] {
                   Bytes w = {1, 2, 3};

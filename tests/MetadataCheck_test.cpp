@@ -9,7 +9,9 @@
 #include <map>
 
 #include "AllocationProbe.h"
+#include "Flat.h"
 #include "RecordingLogger.h"
+#include "Values.h"
 
 namespace {
 
@@ -17,20 +19,15 @@ using namespace NSCam;
 using Bytes = std::vector<uint8_t>;
 using Words = std::vector<uint32_t>;
 using Memory = IMetadata::Memory;
+using zorcam_test::flat;
 const auto of = [](const Bytes& b) { return IMetadata(b.data(), b.size()); };
 
+// The flat form of a container holding each list of values under a tag of its own.
 template <typename... T>
-Bytes flat(const std::vector<T>&... values) {
+Bytes formOf(const std::vector<T>&... values) {
     IMetadata m;
-    auto put = [&](auto v) {
-        IMetadata::IEntry e(0x00010000 + m.count());
-        e.push_back(v.data(), v.size(), Type2Type<typename decltype(v)::value_type>());
-        m.update(e);
-    };
-    (put(values), ...);
-    Bytes out(static_cast<size_t>(m.flattenSize()));
-    EXPECT_EQ(m.flatten(out.data(), out.size()), static_cast<long>(out.size()));
-    return out;
+    (m.update(0x00010000 + m.count(), zorcam_test::entry(values)), ...);
+    return flat(m);
 }
 
 // `records` records, the first filed with length `len` (0: its own), holding `count` `type`s.
@@ -68,17 +65,12 @@ protected:
         const std::string said = c.reason + ("@" + std::to_string(c.ok ? c.consumed : c.offset));
         // The receive in one call gives the check's answer, never aborts, and rebuilds only
         // what the check accepts (a refusal leaves the container as it was).
-        auto bytesOf = [](const IMetadata& m) {
-            Bytes out(static_cast<size_t>(m.flattenSize()));
-            m.flatten(out.data(), out.size());
-            return out;
-        };
         IMetadata received;
         IMetadata::setEntry<int>(&received, 0x7FFF0000, 12345);
-        const Bytes before = bytesOf(received);
+        const Bytes before = flat(received);
         const FlatCheck r = receiveFlatMetadata(b.data(), b.size(), received);
         EXPECT_EQ(r.reason + ("@" + std::to_string(r.ok ? r.consumed : r.offset)), said);
-        EXPECT_EQ(bytesOf(received), c.ok ? bytesOf(of(b)) : before) << said;
+        EXPECT_EQ(flat(received), c.ok ? flat(of(b)) : before) << said;
         if (++seen[c.reason]; said.rfind("type code out of range@", 0) == 0) return said;
         zorcam_test::resetPeakBytes();
         EXPECT_EQ(IMetadata::Storage().unflatten(b.data(), b.size()),
@@ -94,14 +86,14 @@ protected:
 
 TEST_F(MetadataCheckTest, CutAndCorruptedFormsAgreeWithTheDecoders) {
     // Every value type, blobs with and without bytes, three levels of nesting.
-    const IMetadata level3 = of(flat<Memory>({Memory("raw", 3), Memory()}));
+    const IMetadata level3 = of(formOf<Memory>({Memory("raw", 3), Memory()}));
     const Bytes rich =
-        flat<uint8_t, int, float, long, double, MRational, MPoint, MSize, MRect, IMetadata, Memory>(
-            {1}, {15, 30}, {4.38f}, {1, 2}, {37.4, -122.0}, {MRational(1, 2)}, {MPoint(1, 2)},
-            {MSize(4000, 3000), MSize(640, 480)}, {MRect(0, 0, 4, 3)},
-            {of(flat<IMetadata>({level3, IMetadata(), level3}))},
-            {Memory("jpeg", 4), Memory(), Memory("", 0)});
-    const Bytes small = flat<int, Memory>({15, 30}, {Memory("abc", 3)});
+        formOf<uint8_t, int, float, long, double, MRational, MPoint, MSize, MRect, IMetadata,
+               Memory>({1}, {15, 30}, {4.38f}, {1, 2}, {37.4, -122.0}, {MRational(1, 2)},
+                       {MPoint(1, 2)}, {MSize(4000, 3000), MSize(640, 480)}, {MRect(0, 0, 4, 3)},
+                       {of(formOf<IMetadata>({level3, IMetadata(), level3}))},
+                       {Memory("jpeg", 4), Memory(), Memory("", 0)});
+    const Bytes small = formOf<int, Memory>({15, 30}, {Memory("abc", 3)});
     EXPECT_EQ(agree(rich), "@" + std::to_string(rich.size()));
     for (auto end = rich.begin(); end != rich.end(); ++end)
         EXPECT_NE(agree({rich.begin(), end})[0], '@');
@@ -110,7 +102,9 @@ TEST_F(MetadataCheckTest, CutAndCorruptedFormsAgreeWithTheDecoders) {
     for (size_t i = 0; i < small.size() * 8; ++i)
         for (size_t j = i; j < small.size() * 8; ++j)  // j == i: one bit
             agree(small, {{i / 8, 1 << i % 8}, {j / 8, j == i ? 0 : 1 << j % 8}});
-    EXPECT_TRUE(seen[""] > 1000 && seen["type code out of range"] > 0 && seen.size() > 5);
+    EXPECT_GT(seen[""], 1000u);
+    EXPECT_GT(seen["type code out of range"], 0u);
+    EXPECT_GT(seen.size(), 5u);
 }
 
 TEST_F(MetadataCheckTest, HugeClaimsAndDeepNestsAreRefusedWithoutAllocatingForThem) {
@@ -149,9 +143,7 @@ Bytes nestedTables(uint32_t tables, uint32_t rows, uint32_t firstTag) {
     for (uint32_t t = 0; t < tables; ++t) list.push_back(inner, Type2Type<IMetadata>());
     IMetadata outer;
     outer.update(list);
-    Bytes out(static_cast<size_t>(outer.flattenSize()));
-    EXPECT_EQ(outer.flatten(out.data(), out.size()), static_cast<long>(out.size()));
-    return out;
+    return flat(outer);
 }
 
 TEST_F(MetadataCheckTest, ReceivedNestedTablesHoldAtMostEightBytesPerInputByte) {

@@ -49,7 +49,8 @@ TEST(DumpFilenamePrefixTest, NamesClampsAndCutsAtEverySize) {
     }
     EXPECT_EQ(prefixOf(&meta, 10), "/sdcard/c");
     // Null arguments give "" and write nothing; tags in otherMeta are not looked at.
-    EXPECT_EQ(prefixOf(nullptr, 8) + getDumpFilenamePrefix(nullptr, 64, nullptr, &meta), "");
+    EXPECT_EQ(prefixOf(nullptr, 8), "");
+    EXPECT_STREQ(getDumpFilenamePrefix(nullptr, 64, nullptr, &meta), "");
     EXPECT_EQ(prefixOf(&none, 64, &meta), "/sdcard/camera_dump/uniquekey-frme-rqst");
 }
 

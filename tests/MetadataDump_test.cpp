@@ -70,8 +70,11 @@ TEST_F(DumpTest, EveryValueFormNestingTheSwitchAndEmptyContainers) {
          "dump:(L1) [dump] Map(1/2) tag(0x10004) type(2) count(1) 0.500000 ", nest + "metadata.. ",
          "dump:layer 1", "dump:IMetadata::dump mStorage == nullptr", nest + "metadata.. "});
     m.dump(0, true);
-    for (const auto& l : log.lines())  // debug lines of the container
-        EXPECT_TRUE(l.tag == "Metadata2" && l.moduleId == 0x1001003 && l.level == 5) << l.text;
+    for (const auto& l : log.lines()) {  // debug lines of the container
+        EXPECT_EQ(l.tag, "Metadata2") << l.text;
+        EXPECT_EQ(l.moduleId, 0x1001003u) << l.text;
+        EXPECT_EQ(l.level, 5) << l.text;
+    }
     EXPECT_EQ(log.take(), expected);
     m.dump(0, false);
     EXPECT_TRUE(log.take().empty());

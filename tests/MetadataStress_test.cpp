@@ -9,9 +9,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <random>
+#include <string>
 #include <thread>
 
+#include "Flat.h"
 #include "ItemTable.h"
 #include "RecordingLogger.h"
 #include "Storage.h"
@@ -33,6 +36,9 @@ bool vouches(const IEntry& e, uint32_t t) {  // absent (no tag), or {t, k, k + 1
     auto v = [&](uint32_t i) { return e.itemAt(i, Type2Type<int>()); };
     return e.tag() == ~0u || (e.tag() == t && e.count() == 3 && v(0) == int(t) && v(2) == v(1) + 1);
 }
+int kOf(const IEntry& e) {
+    return e.count() == 3 ? e.itemAt(1, Type2Type<int>()) : -1;
+}
 MRect rectOf(uint32_t tag, int k) {
     return MRect(static_cast<int>(tag), k, k + 1, k + 2);
 }
@@ -47,125 +53,212 @@ bool allRowsVouch(IMetadata m) {  // each row, in a copy where rows stay put, is
         if ((tag = m.entryAt(i).tag()) == ~0u || !vouches(m.entryFor(tag), tag)) return false;
     return true;
 }
-std::vector<uint8_t> flat(IMetadata m) {  // a copy is only read, so its size and bytes agree
-    std::vector<uint8_t> b(static_cast<size_t>(m.flattenSize()));
-    EXPECT_EQ(m.flatten(b.data(), b.size()), static_cast<long>(b.size()));
-    return b;
+// Tags in the slot map, past it, and outside it.
+uint32_t tagOf(uint32_t n) {
+    return n < 12 ? 0x10000 + n : n < 18 ? 0x40006 + n : 0x7F000000 + n;
+}
+// The rectangle of `owned` that worker t rewrites in place.
+uint32_t ownedRectTag(uint32_t t) {
+    return 0x91020000u | t;
 }
 
-TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
+// What the threads share. pool[3] starts on a storage the caller made: read under the lock
+// only, and destroyed without waiting for readers, so a reader without the lock must never be
+// handed one.
+struct Shared {
     const IEntry first = entryOf(0x00010000, 0), second = entryOf(0x00040006, 0);
-    // pool[3] starts on a storage the caller made: read under the lock only, and destroyed
-    // without waiting for readers, so a reader without the lock must never be handed one.
     IMetadata pool[5] = {{}, {}, {}, IMetadata(std::make_shared<Storage>()), {}};
-    IMetadata &owned = pool[4], blobs;  // each tag of `owned` belongs to one thread
+    IMetadata& owned = pool[4];  // each tag of `owned` belongs to one worker
+    IMetadata blobs;
     IEntry entries[2] = {first, second};
-    std::atomic<bool> stop{false};
-    auto kOf = [](const IEntry& e) { return e.count() == 3 ? e.itemAt(1, Type2Type<int>()) : -1; };
-    auto worker = [&](uint32_t t) {  // the ninth only hands entries[0] back and forth
-        while (t == 8 && !stop) entries[0] = second, entries[0] = first;
-        std::mt19937 rng(t);
-        for (int k = 0; k < 3000 && t < 8; ++k) {
-            IMetadata &a = pool[rng() % 4], &b = pool[rng() % 4];
-            IEntry& e = entries[rng() % 2];
-            const uint32_t n = rng() % 24, op = rng() % 11;  // tags in, past and outside the map
-            const uint32_t tag = n < 12 ? 0x10000 + n : n < 18 ? 0x40006 + n : 0x7F000000 + n;
-            const IEntry fresh = entryOf(tag, k);
-            const IMetadata copy(a);  // must not see what anybody does to `a` from now on (read
-            const int was = kOf(copy.entryFor(tag));  // by entryFor alone: it marks nothing shared)
-            bool ok = true;
-            if (op == 0) a.update(fresh);
-            if (op == 1) a.remove(tag);
-            if (op == 2) {  // an entry handed out and written through changes only itself
-                IEntry got = a.entryFor(tag);
-                if (got.count() == 3) got.replaceItemAt(2, -1, Type2Type<int>());
-                ok = vouches(a.entryFor(tag), tag) && vouches(a.takeEntryFor(tag), tag);
-            }
-            if (op == 3) a = b;  // and other threads the other way round
-            if (op == 4) a += b;
-            if (op == 5) a.update(e), e = entries[rng() % 2];  // entries assigned both ways too
-            if (op == 6) e.replaceItemAt(1, std::vector<int>{k, k + 1}.data(), 2, Type2Type<int>());
-            if (op == 7)
-                a.burstWrite([&](Storage& s) { NSCam::tableOf(s).update(tag, fresh.getContentSP()); });
-            if (op == 8) {  // rebuilt from its flat form, many times over, and all dropped at once
-                const std::vector<uint8_t> bytes = flat(b);
-                std::vector<IMetadata> rebuilt;
-                while (rebuilt.size() <= k % 40u) rebuilt.emplace_back(bytes.data(), bytes.size());
-                ok = flat(rebuilt[0]) == bytes && allRowsVouch(rebuilt[0]);
-            }
-            if (op == 9) a = IMetadata(std::make_shared<Storage>()), a += b;  // caller-made again
-            if (op == 10) {  // rebuilt where readers without the lock are reading
-                const std::vector<uint8_t> bytes = flat(b);
-                ok = a.unflatten(const_cast<uint8_t*>(bytes.data()), bytes.size()) ==
-                     static_cast<long>(bytes.size());
-            }
-            // A blob read out shares its bytes; refilled, it is copied first, and the old
-            // buffer is released by whichever thread lets go of it last.
-            const uint32_t bt = 0x90010000 + rng() % 4;
-            IMetadata::Memory blob = blobs.entryFor(bt).itemAt(0, Type2Type<IMetadata::Memory>());
-            ok = ok && uniform(blob);
-            blob.resize(32 + k % 100);
-            std::fill(blob.editArray(), blob.editArray() + blob.size(), uint8_t(k));
-            IMetadata::setEntry(&blobs, bt, blob);
-            ok = ok && uniform(blob) && blob.itemAt(0) == uint8_t(k);
-            owned.update(entryOf((k % 2 ? 0x91000000u : 0x7FF00000u) | t << 5 | k % 24, k));
-            IMetadata::setEntry(&owned, 0x91020000u | t, rectOf(0x91020000u | t, k));
-            EXPECT_TRUE(ok && kOf(copy.entryFor(tag)) == was) << t << " " << k;
-        }
-    };
-    std::vector<std::thread> threads;
-    threads.emplace_back(worker, 8);  // first entries[0] changes hands while it is filed here:
-    int torn = 0;                     // each update must read its tag and values at one moment
-    for (int i = 0; i < 20000; ++i) {
-        IMetadata m;
-        i < 19600 ? m.update(entries[0]) : m.update(0x00010000, entries[0]);  // reports are slow
-        const bool quiet = log.take().empty();  // or a mismatch: the other entry's values came
-        torn += vouches(m.entryAt(0), m.entryAt(0).tag()) != quiet || (i < 19600 && !quiet);
-    }
-    stop = true;
-    // Readers without the lock, against every change the workers make: a value read is the
-    // row's own (element 0 is the tag), and no row has a fourth element.
-    std::atomic<bool> done{false};
-    std::atomic<int> wrong{0};
+    std::atomic<bool> stopHanding{false}, stopReading{false};
+    // What the readers without the lock saw wrong, by kind, and how many values they found.
+    std::atomic<int> tornRects{0}, otherRowsValues{0}, fourthElements{0};
     std::atomic<long> found{0};
-    auto reader = [&](uint32_t seed) {
-        std::mt19937 rng(seed);
-        while (!done) {
-            const uint32_t n = rng() % 24, pick = rng() % 5;
-            const uint32_t tag =
-                pick == 4 ? (rng() % 2 ? 0x91000000u : 0x7FF00000u) | (rng() % 8) << 5 | n
-                : n < 12  ? 0x10000 + n
-                : n < 18  ? 0x40006 + n
-                          : 0x7F000000 + n;
-            MRect r;
-            if (pick == 4 && IMetadata::getEntry(&owned, 0x91020000u | n % 8, r) &&
-                !whole(r, 0x91020000u | n % 8))
-                wrong.fetch_add(1, std::memory_order_relaxed);
-            int v = -1;
-            if (IMetadata::getEntry<int>(&pool[pick], tag, v, 0)) {
-                found.fetch_add(1, std::memory_order_relaxed);
-                if (v != static_cast<int>(tag)) wrong.fetch_add(1, std::memory_order_relaxed);
-            }
-            if (IMetadata::getEntry<int>(&pool[pick], tag, v, 3))
-                wrong.fetch_add(1, std::memory_order_relaxed);
+};
+
+// One step of a worker: a container it changes, one it reads from, a shared entry, a tag.
+struct Step {
+    Shared& sh;
+    uint32_t t;
+    int k;
+    std::mt19937& rng;
+    IMetadata& a;
+    IMetadata& b;
+    IEntry& e;
+    uint32_t tag;
+    IEntry fresh;  // {tag, k, k + 1}
+    const char* op;
+    std::string where() const {  // for a failure's message
+        return std::string(op) + ", worker " + std::to_string(t) + ", step " + std::to_string(k);
+    }
+};
+
+// The worker's operations on `a`, by name; some check what they read back. A copy of `a` taken
+// before each must not see any of them.
+const struct Operation {
+    const char* name;
+    void (*run)(Step&);
+} kOperations[] = {
+    {"update", [](Step& s) { s.a.update(s.fresh); }},
+    {"remove", [](Step& s) { s.a.remove(s.tag); }},
+    // An entry handed out and written through changes only itself.
+    {"write through an entry handed out",
+     [](Step& s) {
+         IEntry got = s.a.entryFor(s.tag);
+         if (got.count() == 3) got.replaceItemAt(2, -1, Type2Type<int>());
+         EXPECT_TRUE(vouches(s.a.entryFor(s.tag), s.tag)) << s.where();
+         EXPECT_TRUE(vouches(s.a.takeEntryFor(s.tag), s.tag)) << s.where();
+     }},
+    {"assign", [](Step& s) { s.a = s.b; }},  // other threads the other way round
+    {"merge", [](Step& s) { s.a += s.b; }},
+    // Entries are assigned both ways too.
+    {"update from a shared entry, then assign it",
+     [](Step& s) { s.a.update(s.e), s.e = s.sh.entries[s.rng() % 2]; }},
+    {"replace values of a shared entry",
+     [](Step& s) {
+         s.e.replaceItemAt(1, std::vector<int>{s.k, s.k + 1}.data(), 2, Type2Type<int>());
+     }},
+    {"file a content in a burst",
+     [](Step& s) {
+         s.a.burstWrite(
+             [&](Storage& st) { NSCam::tableOf(st).update(s.tag, s.fresh.getContentSP()); });
+     }},
+    // A copy stays as it is, so that its size and bytes agree; its rebuilds, many at a time,
+    // are all dropped at once.
+    {"rebuild from the flat form many times",
+     [](Step& s) {
+         const std::vector<uint8_t> bytes = zorcam_test::flat(IMetadata(s.b));
+         std::vector<IMetadata> rebuilt;
+         while (rebuilt.size() <= s.k % 40u) rebuilt.emplace_back(bytes.data(), bytes.size());
+         EXPECT_EQ(zorcam_test::flat(rebuilt[0]), bytes) << s.where();
+         EXPECT_TRUE(allRowsVouch(rebuilt[0])) << s.where();
+     }},
+    {"merge into a storage the caller made",
+     [](Step& s) { s.a = IMetadata(std::make_shared<Storage>()), s.a += s.b; }},
+    // Rebuilt where readers without the lock are reading.
+    {"unflatten in place",
+     [](Step& s) {
+         std::vector<uint8_t> bytes = zorcam_test::flat(IMetadata(s.b));
+         EXPECT_EQ(s.a.unflatten(bytes.data(), bytes.size()), long(bytes.size())) << s.where();
+     }},
+};
+
+// A blob read out shares its bytes; refilled, it is copied first, and the old buffer is
+// released by whichever thread lets go of it last.
+void refillABlob(Step& s) {
+    const uint32_t bt = 0x90010000 + s.rng() % 4;
+    IMetadata::Memory blob = s.sh.blobs.entryFor(bt).itemAt(0, Type2Type<IMetadata::Memory>());
+    EXPECT_TRUE(uniform(blob)) << "a blob read out after " << s.where();
+    blob.resize(32 + s.k % 100);
+    std::fill(blob.editArray(), blob.editArray() + blob.size(), uint8_t(s.k));
+    IMetadata::setEntry(&s.sh.blobs, bt, blob);
+    EXPECT_TRUE(uniform(blob)) << "a blob refilled after " << s.where();
+    EXPECT_EQ(blob.itemAt(0), uint8_t(s.k)) << "a blob refilled after " << s.where();
+}
+
+// Rows of its own in `owned`, on either side of the map, and its rectangle rewritten where it
+// lies.
+void fileOwnRows(Step& s) {
+    s.sh.owned.update(entryOf((s.k % 2 ? 0x91000000u : 0x7FF00000u) | s.t << 5 | s.k % 24, s.k));
+    IMetadata::setEntry(&s.sh.owned, ownedRectTag(s.t), rectOf(ownedRectTag(s.t), s.k));
+}
+
+// Worker t: 3000 steps of a random operation on containers of the pool, each followed by a
+// blob refilled and rows of its own filed.
+void work(Shared& sh, uint32_t t) {
+    std::mt19937 rng(t);
+    for (int k = 0; k < 3000; ++k) {
+        IMetadata &a = sh.pool[rng() % 4], &b = sh.pool[rng() % 4];
+        IEntry& e = sh.entries[rng() % 2];
+        const uint32_t tag = tagOf(rng() % 24);
+        const Operation& op = kOperations[rng() % std::size(kOperations)];
+        Step s{sh, t, k, rng, a, b, e, tag, entryOf(tag, k), op.name};
+        // Read by entryFor alone, which marks nothing shared.
+        const IMetadata copy(a);
+        const int was = kOf(copy.entryFor(tag));
+        op.run(s);
+        refillABlob(s);
+        fileOwnRows(s);
+        EXPECT_EQ(kOf(copy.entryFor(tag)), was) << "a copy taken before " << s.where();
+    }
+}
+
+// The ninth thread only hands entries[0] from one entry to the other and back.
+void handEntryBackAndForth(Shared& sh) {
+    while (!sh.stopHanding) sh.entries[0] = sh.second, sh.entries[0] = sh.first;
+}
+
+// While entries[0] changes hands, it is filed into a new container, 20,000 times: each update
+// must read its tag and values at one moment. Filed under its own tag there is nothing to
+// report; under the first entry's tag (the last 400 times: reports are slow), a tag mismatch is
+// reported exactly when the other entry's values came. Answers how many were torn.
+int fileAnEntryChangingHands(Shared& sh, zorcam_test::RecordingLogger& log) {
+    int torn = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const bool ownTag = i < 19600;
+        IMetadata m;
+        ownTag ? m.update(sh.entries[0]) : m.update(0x00010000, sh.entries[0]);
+        const bool quiet = log.take().empty();
+        torn += vouches(m.entryAt(0), m.entryAt(0).tag()) != quiet || (ownTag && !quiet);
+    }
+    return torn;
+}
+
+// A reader without the lock, against every change the workers make: a value read is the row's
+// own (element 0 is the tag), no row has a fourth element, and a rectangle rewritten in place
+// is never read torn.
+void readWithoutTheLock(Shared& sh, uint32_t seed) {
+    std::mt19937 rng(seed);
+    while (!sh.stopReading) {
+        const uint32_t n = rng() % 24, pick = rng() % 5;
+        const uint32_t tag =  // pick 4: a row of `owned`, of any worker
+            pick == 4 ? (rng() % 2 ? 0x91000000u : 0x7FF00000u) | (rng() % 8) << 5 | n : tagOf(n);
+        MRect r;
+        if (pick == 4 && IMetadata::getEntry(&sh.owned, ownedRectTag(n % 8), r) &&
+            !whole(r, ownedRectTag(n % 8)))
+            sh.tornRects.fetch_add(1, std::memory_order_relaxed);
+        int v = -1;
+        if (IMetadata::getEntry<int>(&sh.pool[pick], tag, v, 0)) {
+            sh.found.fetch_add(1, std::memory_order_relaxed);
+            if (v != static_cast<int>(tag))
+                sh.otherRowsValues.fetch_add(1, std::memory_order_relaxed);
         }
-    };
-    std::vector<std::thread> readers;
-    for (uint32_t r = 0; r < 2; ++r) readers.emplace_back(reader, 100 + r);
-    for (uint32_t t = 0; t < 8; ++t) threads.emplace_back(worker, t);
+        if (IMetadata::getEntry<int>(&sh.pool[pick], tag, v, 3))
+            sh.fourthElements.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+// First the ninth thread hands an entry back and forth while the test files it; then eight
+// workers change the containers while two readers without the lock read them.
+TEST_F(MetadataStressTest, SharedContainersAndEntriesStayConsistent) {
+    Shared sh;
+    std::thread hander(handEntryBackAndForth, std::ref(sh));
+    EXPECT_EQ(fileAnEntryChangingHands(sh, log), 0);
+    sh.stopHanding = true;
+    hander.join();
+    std::vector<std::thread> threads, readers;
+    for (uint32_t r = 0; r < 2; ++r)
+        readers.emplace_back(readWithoutTheLock, std::ref(sh), 100 + r);
+    for (uint32_t t = 0; t < 8; ++t) threads.emplace_back(work, std::ref(sh), t);
     for (auto& th : threads) th.join();
-    done = true;
+    sh.stopReading = true;
     for (auto& th : readers) th.join();
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(wrong, 0);
-    EXPECT_GT(found, 0);
+    EXPECT_EQ(sh.tornRects, 0);
+    EXPECT_EQ(sh.otherRowsValues, 0);
+    EXPECT_EQ(sh.fourthElements, 0);
+    EXPECT_GT(sh.found, 0);
     EXPECT_EQ(log.take(), std::vector<std::string>());
-    for (int i = 0; i < 4; ++i) EXPECT_TRUE(allRowsVouch(pool[i])) << i;
-    EXPECT_EQ(owned.count(), 8u * 25);  // and each holds the last k its thread filed
-    for (uint32_t i = 0; i < owned.count(); ++i) {
-        const IEntry e = owned.entryAt(i);
-        EXPECT_TRUE(e.type() == TYPE_MRect ? e.itemAt(0, Type2Type<MRect>()).p.y == 2999
-                                           : e.itemAt(1, Type2Type<int>()) >= 3000 - 24);
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(allRowsVouch(sh.pool[i])) << i;
+    // Each worker's 24 rows and its rectangle, holding the last k it filed.
+    EXPECT_EQ(sh.owned.count(), 8u * 25);
+    for (uint32_t i = 0; i < sh.owned.count(); ++i) {
+        const IEntry e = sh.owned.entryAt(i);
+        if (e.type() == TYPE_MRect) {
+            EXPECT_EQ(e.itemAt(0, Type2Type<MRect>()).p.y, 2999) << std::hex << e.tag();
+        } else {
+            EXPECT_GE(e.itemAt(1, Type2Type<int>()), 3000 - 24) << std::hex << e.tag();
+        }
     }
 }
 

@@ -54,7 +54,10 @@ TEST_F(UpdaterTest, ValueStringsAndDumpMeta) {
     setLogging(0x2, 5, 0x101000);
     u->dumpMeta(&meta);
     u->dumpMeta(&empty);  // no line at all
-    for (const auto& l : log.lines()) EXPECT_TRUE(l.tag == "zorcam-MetaUpdater" && l.level == 5);
+    for (const auto& l : log.lines()) {
+        EXPECT_EQ(l.tag, "zorcam-MetaUpdater") << l.text;
+        EXPECT_EQ(l.level, 5) << l.text;
+    }
     EXPECT_EQ(log.take(), lines);
 }
 
@@ -88,7 +91,9 @@ TEST_F(UpdaterTest, DeviceStageSwitchesAndTheOtherStagesWarnings) {
     EXPECT_EQ(log.take(), (std::vector<std::string>{"[3::appendMetaAtPipeline] Not Implement",
                                                     "[3::appendCustomerMeta] Unknown append stage",
                                                     "[3::destroy] Not Implement"}));
-    EXPECT_TRUE(c.isEmpty() && r.isEmpty() && h.isEmpty());
+    EXPECT_TRUE(c.isEmpty());
+    EXPECT_TRUE(r.isEmpty());
+    EXPECT_TRUE(h.isEmpty());
 }
 
 struct DeviceHook : MetadataUpdater {
@@ -130,8 +135,11 @@ TEST_F(UpdaterTest, DerivedPipelineHookIsMergedIntoResultAndHal) {
     IMetadata c, r, h;
     EXPECT_EQ(
         PipelineHook({5}).appendCustomerMeta(IMetadataUpdater::APPEND_AT_PIPELINE, &c, &r, &h), 0);
-    EXPECT_TRUE(c.isEmpty() && r.entryFor(5).itemAt(0, Type2Type<int32_t>()) == 1 &&
-                h.entryFor(6).itemAt(0, Type2Type<int32_t>()) == 2 && r.count() + h.count() == 2);
+    EXPECT_TRUE(c.isEmpty());
+    EXPECT_EQ(r.count(), 1u);
+    EXPECT_EQ(r.entryFor(5).itemAt(0, Type2Type<int32_t>()), 1);
+    EXPECT_EQ(h.count(), 1u);
+    EXPECT_EQ(h.entryFor(6).itemAt(0, Type2Type<int32_t>()), 2);
     EXPECT_EQ(log.take(),
               (std::vector<std::string>{"[5::appendCustomerMeta] appendAppResultMeta count=1",
                                         "[5::dumpMeta] 0x5 => 1 ",

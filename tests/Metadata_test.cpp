@@ -3,8 +3,6 @@
 // operations fuzz target, whose corpus runs under ctest.)
 #include <gmock/gmock.h>
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -15,8 +13,10 @@
 #include <zorcam/metadata/MetadataCheck.h>
 
 #include "Content.h"
+#include "Flat.h"
 #include "MetadataInspector.h"
 #include "RecordingLogger.h"
+#include "SmallStack.h"
 #include "Storage.h"
 
 namespace {
@@ -27,14 +27,11 @@ using In = NSCam::MetadataInspector;
 using Storage = IMetadata::Storage;
 using Bytes = std::vector<uint8_t>;
 using Rows = std::vector<std::pair<uint32_t, int>>;
+using zorcam_test::flat;
+constexpr size_t kSmallStack = 1 << 20;  // 1 MiB, as camera threads often have
 constexpr uint32_t kNoTag = 0xFFFFFFFF;
 const NSCam::Type2Type<int> kInt;
 
-Bytes flat(const IMetadata& m) {
-    Bytes b(static_cast<size_t>(m.flattenSize()));
-    EXPECT_EQ(m.flatten(b.data(), b.size()), static_cast<long>(b.size()));
-    return b;
-}
 IMetadata with(const Rows& rows) {  // one int per tag, in this order
     IMetadata m;
     for (const auto& [tag, v] : rows) IMetadata::setEntry<int>(&m, tag, v);
@@ -44,8 +41,13 @@ class MetadataTest : public zorcam_test::LoggerTest {};
 
 TEST_F(MetadataTest, NoStorageUntilRemoveAndBadBuffersLeaveItEmpty) {
     IMetadata m;
-    EXPECT_TRUE(m.count() == 0 && m.isEmpty() && m.entryFor(1).tag() == kNoTag && !In::storage(m));
-    EXPECT_TRUE(m.remove(0x00010000) == -1 && In::storage(m) && m.entryAt(0).tag() == kNoTag);
+    EXPECT_EQ(m.count(), 0u);
+    EXPECT_TRUE(m.isEmpty());
+    EXPECT_EQ(m.entryFor(1).tag(), kNoTag);
+    EXPECT_EQ(In::storage(m), nullptr);
+    EXPECT_EQ(m.remove(0x00010000), -1);
+    EXPECT_NE(In::storage(m), nullptr);
+    EXPECT_EQ(m.entryAt(0).tag(), kNoTag);
     EXPECT_THAT(log.take(), ElementsAre("getContentSPByIndex:index 0 out of range 0"));
     EXPECT_EQ(IMetadata().flattenSize(), 8);
     Bytes b = flat(with({{0x00010000, 1}}));
@@ -145,7 +147,9 @@ TEST(RowContentTest, HandedOutValuesAndCopiesKeepTheirValuesWhateverTheWriteDoes
             IMetadata::setEntry<int>(&m, tag + 0x10000, 5);
             EXPECT_EQ(read(copy, tag), before + 1000);
             EXPECT_EQ(m.entryFor(tag).itemAt(1, kInt), 8);
-            EXPECT_TRUE(*p == before && a.itemAt(0, kInt) == before && b.count() == 1);
+            EXPECT_EQ(*p, before);
+            EXPECT_EQ(a.itemAt(0, kInt), before);
+            EXPECT_EQ(b.count(), 1u);
             IMetadata::setEntry<int>(&m, tag, before);
         }
         EXPECT_EQ(m.count(), init.size() + 3);
@@ -192,21 +196,6 @@ TEST(BurstTest, CallbacksStoringEachOthersContainersNeverWaitForEachOther) {
     }
 }
 
-// Runs `fn` on a thread with a 1 MiB stack, as camera threads often have.
-void onSmallStack(const std::function<void()>& fn) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 1 << 20);
-    pthread_t thread;
-    auto run = [](void* f) -> void* {
-        (*static_cast<const std::function<void()>*>(f))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()>*>(&fn)), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-}
-
 // A container holding a container ... `levels` deep, built through the API.
 IMetadata chain(int levels) {
     IMetadata m;
@@ -251,7 +240,7 @@ TEST_F(MetadataTest, FormsAReceiverWouldRefuseAreRefusedBySendingAndNothingRecur
                  {"32767 records", oneRow, &repeated, ""},
                  {"32768 records", oneRow, &repeated,
                   "more than 32767 records: a receiver would refuse the form"}};
-    onSmallStack([&] {
+    zorcam_test::onSmallStack(kSmallStack, [&] {
         for (const auto& c : cases) {
             SCOPED_TRACE(c.name);
             const IMetadata m = c.make();
@@ -290,7 +279,7 @@ TEST_F(MetadataTest, AStorageHoldingItselfIsNeitherFollowedForeverNorLeaked) {
     const auto s = std::make_shared<Storage>();
     const IMetadata holder(s);
     s->writeEntry<IMetadata>(0x00010000, holder);
-    onSmallStack([&] {
+    zorcam_test::onSmallStack(kSmallStack, [&] {
         Bytes b(64);
         EXPECT_EQ(holder.flattenSize(), -1);  // no size at all: the one form without one
         EXPECT_EQ(holder.flatten(b.data(), b.size()), -1);

@@ -7,14 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <pthread.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "SmallStack.h"
 
 namespace {
 
@@ -166,24 +166,10 @@ void releaseLink(void* p) {
 }
 
 TEST_F(ReadersTest, ReleasesThatRetireMoreGoWithoutAFrameEach) {
-    std::function<void()> body = [] {
+    zorcam_test::onSmallStack(256 << 10, [] {
         retire(new Link{9999}, releaseLink);
         for (int i = 0; i < 100 && gReleased.count() < 10000; ++i) collect();
-    };
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 256 << 10);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, &attr,
-                  [](void* f) -> void* {
-                      (*static_cast<std::function<void()>*>(f))();
-                      return nullptr;
-                  },
-                  &body),
-              0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
+    });
     EXPECT_EQ(gReleased.count(), 10000u);
 }
 

@@ -39,6 +39,12 @@ bool same(const T& a, const T& b) {
 inline bool same(const NSCam::IMetadata& a, const NSCam::IMetadata& b) {
     return a.getStorageSP() == b.getStorageSP();
 }
+// Each value got is the one wanted at its place; a failure names the place.
+template <typename T>
+void expectSame(const std::vector<T>& got, const std::vector<T>& want) {
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_TRUE(same(got[i], want[i])) << "value " << i;
+}
 
 // An entry without a tag holding `values`, appended one at a time.
 template <typename T>
