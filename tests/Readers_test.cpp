@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -184,6 +185,78 @@ TEST_F(ReadersTest, WhatAnExitingThreadLeavesIsReleasedByTheOthers) {
     reader.leave();
     collectAll();
     EXPECT_EQ(gReleased.count(), 10u);
+}
+
+// What an exiting thread leaves is released by one thread at a time, in order: a later item
+// (a storage's block) must not go while an earlier one (the storage's destruction) is still
+// being released by another thread, even when the later one is ready for the other thread.
+struct Gate {
+    std::mutex lock;
+    std::condition_variable cv;
+    bool started = false, open = false;
+};
+Gate gGate;
+void releaseSlowly(void* p) {
+    std::unique_lock<std::mutex> guard(gGate.lock);
+    gGate.started = true;
+    gGate.cv.notify_all();
+    gGate.cv.wait(guard, [] { return gGate.open; });
+    guard.unlock();
+    releaseItem(p);
+}
+
+TEST_F(ReadersTest, WhatAnExitingThreadLeavesIsReleasedInOrderByOneThreadAtATime) {
+    std::mutex step;
+    std::condition_variable stepCv;
+    int stage = 0;
+    auto waitFor = [&](int s) {
+        std::unique_lock<std::mutex> guard(step);
+        stepCv.wait(guard, [&] { return stage >= s; });
+    };
+    auto moveTo = [&](int s) {
+        std::lock_guard<std::mutex> guard(step);
+        stage = s;
+        stepCv.notify_all();
+    };
+    // The leaving thread: the slow item in a batch sealed early, the next item in a batch
+    // sealed epochs later, so that the next one becomes ready after the first.
+    Reader reader;
+    reader.enter();  // holds the epoch back until the first batch is sealed
+    std::thread leaving([&] {
+        retire(new Item{1}, releaseSlowly);
+        for (int i = 0; i < static_cast<int>(NSCam::readers::kBatch) - 1; ++i) retireItem(-1);
+        moveTo(1);
+        waitFor(2);
+        retireItem(2);
+    });
+    waitFor(1);
+    reader.leave();
+    collectAll();  // the epoch moves past the first batch's stamp
+    moveTo(2);
+    leaving.join();  // the thread exits: both batches are left to the others
+    // A reader holds the second batch back while one thread takes the first item and is slow
+    // to release it; then the second item becomes ready for this thread's collection.
+    Reader late;
+    late.enter();
+    std::thread first([] { collect(); });
+    {
+        std::unique_lock<std::mutex> guard(gGate.lock);
+        gGate.cv.wait(guard, [] { return gGate.started; });
+    }
+    late.leave();
+    collectAll();
+    EXPECT_EQ(std::count(gReleased.order.begin(), gReleased.order.end(), 2), 0);
+    {
+        std::lock_guard<std::mutex> guard(gGate.lock);
+        gGate.open = true;
+        gGate.cv.notify_all();
+    }
+    first.join();
+    collectAll();
+    std::vector<int> order;
+    for (int id : gReleased.order)
+        if (id > 0) order.push_back(id);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
 }  // namespace

@@ -147,6 +147,11 @@ void releaseAll(const Retired* items, uint32_t count) {
 // What threads that have exited could not release yet.
 struct Orphans {
     Mutex lock;
+    // Held by the one thread that releases orphans. A thread's items depend on each other (a
+    // storage's destruction must end before its block goes back), so they are released in the
+    // order they were left and never two at once: two threads each taking the items ready for
+    // them could return a block while the other still destroys what it held.
+    Mutex releasing;
     std::vector<std::pair<uint64_t, Retired>> items ZORCAM_GUARDED_BY(lock);
     std::atomic<size_t> count{0};  // mirrors items.size(), so that an empty list costs no lock
 };
@@ -338,6 +343,9 @@ struct Local {
     static bool collectOrphans(uint64_t now) {
         Orphans& o = orphans();
         if (o.count.load(std::memory_order_relaxed) == 0) return false;
+        // Another thread releasing orphans takes these too, in order, later.
+        if (!o.releasing.try_lock()) return false;
+        const MutexLock releasing(o.releasing, std::adopt_lock);
         std::vector<Retired> ready;
         {
             if (!o.lock.try_lock()) return false;
