@@ -394,11 +394,14 @@ TEST(ZmetaPacket, SampleDumpMatchesGolden) {
 }
 
 // Every packet the bridge's tests write (the seeds of its fuzz target) that the check accepts
-// comes back from json | from-json as the same bytes, up to the packet's own size.
+// comes back from json | from-json as the same bytes, up to the packet's own size. What the
+// fuzzer found may be accepted without being laid out as a writer lays it out (spare
+// capacity, gaps between values): those are not written by anyone here.
 TEST(ZmetaPacket, JsonRoundTripOfEverySeedIsByteExact) {
     size_t tried = 0;
     for (const auto& f :
          fs::directory_iterator(fs::path(ZMETA_CORPUS_DIR) / "AndroidPacket_fuzz")) {
+        if (foundByFuzzer(f.path())) continue;
         const std::string s = slurp(f.path());
         const AndroidPacketCheck c = checkAndroidPacket(s.data(), s.size());
         if (!c.ok) continue;
