@@ -196,6 +196,27 @@ TEST(BurstTest, CallbacksStoringEachOthersContainersNeverWaitForEachOther) {
     }
 }
 
+// A read on another thread while a burst is under way answers what the burst leaves, never a
+// value the burst wrote and then wrote over: the read without the lock must see the change as
+// under way and wait for it on the lock, even when the value was written in place.
+TEST(BurstTest, AReadDuringABurstWaitsForItsEnd) {
+    IMetadata m;
+    const uint32_t tag = 0x00010000;
+    IMetadata::setEntry<int>(&m, tag, 1);
+    for (int round = 1; round <= 2; ++round) {  // after an odd and an even number of changes
+        int seen = 0;
+        std::thread reader;
+        m.burstWrite([&](Storage& s) {
+            s.writeEntry<int>(tag, 10 * round);  // same shape: in place
+            reader = std::thread([&] { IMetadata::getEntry(&m, tag, seen); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            s.writeEntry<int>(tag, 10 * round + 1);
+        });
+        reader.join();
+        EXPECT_EQ(seen, 10 * round + 1);
+    }
+}
+
 // A container holding a container ... `levels` deep, built through the API.
 IMetadata chain(int levels) {
     IMetadata m;
