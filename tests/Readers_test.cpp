@@ -154,6 +154,51 @@ TEST_F(ReadersTest, BatchesPushedAsideByAReleaseStillGoInOrder) {
     for (int i = 0; i < n; ++i) ASSERT_EQ(order[static_cast<size_t>(i)], i);
 }
 
+// Batches moved aside wait for readers as the ring's do: a reader that entered after they were
+// sealed, before the epoch moved on, holds them back, while an older one goes.
+TEST_F(ReadersTest, BatchesMovedAsideOutliveTheSectionsThatMayReachThem) {
+    using NSCam::readers::kBatch;
+    using NSCam::readers::kBatches;
+    Reader first;
+    first.enter();
+    // The first batch is sealed before the epoch moves; the others after. Two more batches than
+    // the ring holds move the two oldest aside.
+    const int n = static_cast<int>((kBatches + 2) * kBatch);
+    for (int i = 0; i < n; ++i) retireItem(i);
+    first.leave();
+    Reader second;
+    second.enter();
+    collectAll();
+    EXPECT_EQ(gReleased.count(), kBatch);  // the oldest batch, and no other
+    second.leave();
+    collectAll();
+    ASSERT_EQ(gReleased.count(), static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) ASSERT_EQ(gReleased.order[static_cast<size_t>(i)], i);
+}
+
+// A thread whose reclamation state has gone (its thread-local destructors are running) opens
+// sections that pin nothing, so that what it reads goes under the lock: its record may already
+// serve another thread.
+struct AtExit {
+    std::function<void()> run;
+    ~AtExit() {
+        if (run) run();
+    }
+};
+
+TEST_F(ReadersTest, AThreadWhoseStateHasGoneOpensSectionsThatPinNothing) {
+    bool pinnedBefore = false;
+    bool pinnedAtExit = true;
+    std::thread exiting([&] {
+        thread_local AtExit atExit;  // made before the thread's state, so destroyed after it
+        atExit.run = [&] { pinnedAtExit = Section().pinned(); };
+        pinnedBefore = Section().pinned();  // the state is made here
+    });
+    exiting.join();
+    EXPECT_TRUE(pinnedBefore);
+    EXPECT_FALSE(pinnedAtExit);
+}
+
 // Each release retires the next link: a chain of 10,000 goes by collecting, one level after
 // another, without a call per level (on a 256 KiB stack).
 struct Link {
@@ -174,17 +219,20 @@ TEST_F(ReadersTest, ReleasesThatRetireMoreGoWithoutAFrameEach) {
     EXPECT_EQ(gReleased.count(), 10000u);
 }
 
+// In the order it was retired: the batches moved aside, then the ring's, then the open one.
 TEST_F(ReadersTest, WhatAnExitingThreadLeavesIsReleasedByTheOthers) {
     Reader reader;
     reader.enter();
-    std::thread([] {
-        for (int i = 0; i < 10; ++i) retireItem(i);
+    const int n = static_cast<int>((NSCam::readers::kBatches + 2) * NSCam::readers::kBatch) + 10;
+    std::thread([n] {
+        for (int i = 0; i < n; ++i) retireItem(i);
     }).join();
     collectAll();
     EXPECT_EQ(gReleased.count(), 0u);
     reader.leave();
     collectAll();
-    EXPECT_EQ(gReleased.count(), 10u);
+    ASSERT_EQ(gReleased.count(), static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) ASSERT_EQ(gReleased.order[static_cast<size_t>(i)], i);
 }
 
 // What an exiting thread leaves is released by one thread at a time, in order: a later item

@@ -126,7 +126,6 @@ struct Batch {
     bool sealed = false;
     Retired items[kItems];
 };
-constexpr uint32_t kBatches = 8;
 
 // A sealed batch the ring had no room for, in a block of its own sized to what it holds (a
 // release of a received container of thousands of nested ones spills hundreds of batches of

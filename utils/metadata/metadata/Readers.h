@@ -96,6 +96,8 @@ namespace readers {
 
 // Retired items a thread collects before it tries to release them.
 constexpr size_t kBatch = 64;
+// Batches in a thread's ring; when every one waits for readers, the oldest moves aside.
+constexpr uint32_t kBatches = 8;
 
 // The epoch a thread's section began in (0: the thread is in no section). One cache line
 // each, written only by its thread, so that readers never share a line they write.
