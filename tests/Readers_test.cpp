@@ -223,8 +223,10 @@ TEST_F(ReadersTest, ReleasesThatRetireMoreGoWithoutAFrameEach) {
 TEST_F(ReadersTest, WhatAnExitingThreadLeavesIsReleasedByTheOthers) {
     Reader reader;
     reader.enter();
-    const int n = static_cast<int>((NSCam::readers::kBatches + 2) * NSCam::readers::kBatch) + 10;
-    std::thread([n] {
+    using NSCam::readers::kBatch;
+    using NSCam::readers::kBatches;
+    constexpr int n = static_cast<int>((kBatches + 2) * kBatch) + 10;
+    std::thread([] {
         for (int i = 0; i < n; ++i) retireItem(i);
     }).join();
     collectAll();
